@@ -1,0 +1,22 @@
+// Function descriptors: export, release, and the table exchange.
+#pragma once
+
+#include <cstdint>
+
+#include "core/handle.h"
+
+namespace zrpc {
+
+constexpr std::size_t kRecordLimit = 1024;   // table record, 'B' included, before its NUL
+constexpr std::size_t kRecordPartSize = 128; // one formatted field group
+
+void FreeArgs(int32_t mode, RPCFuncDesc *list, RPCFuncDesc **ordinal_table);
+void FreeParameters(PeerParam *list);
+
+int32_t ExportFunc(HRPC h);  // server: sends 'A', one 'B' record per function, 'C'
+int32_t ImportFunc(HRPC h);  // client: builds descriptors and the name index
+
+// Empties and frees the client's name index, if any.
+void drop_name_index(HRPC h);
+
+}  // namespace zrpc

@@ -1,0 +1,38 @@
+// Session establishment: transport options, negotiation, challenge.
+#pragma once
+
+#include <cstdint>
+
+#include "core/handle.h"
+
+namespace zrpc {
+
+// --- transport options (connect.cpp)
+int32_t GetTransportList(HRPC h);
+void FreeTransport(HRPC h);
+void FreeLowLTransport(HRPC h);
+// Fills the 14-slot option vector handed to NETConnect for this handle's mode.
+void build_option_vector(HRPC h, char *slots[NET_OPTION_SLOTS]);
+
+// --- negotiation (negotiate.cpp)
+constexpr const char *kMagic = "87FA9694";
+constexpr std::size_t kNegotiationArea = 256;
+
+int32_t RpcNegotiate(HRPC h);
+int32_t UnpackParameters(HRPC h, char *buffer, int32_t length);
+// Returns the next token ended by `delimiter` (overwritten with 0) or null;
+// `last`, when given, is the last byte the scan may examine.
+char *rpcstrtok(char **cursor, char delimiter, const char *last);
+const char *GetEndianess(HRPC h);
+const char *GetCompression(HRPC h);
+const char *GetChallenge(HRPC h);
+// Derives the negotiated flags and peer sizes from the peer parameter list.
+int32_t apply_peer_parameters(HRPC h, const char *param_area, const char *version_area);
+
+// --- challenge (challenge.cpp)
+constexpr uint8_t kChallengeXor = 0x6D;
+int32_t issue_challenge(HRPC h);
+void make_challenge(uint8_t challenge[4]);
+void challenge_answer(uint8_t challenge[4]);
+
+}  // namespace zrpc

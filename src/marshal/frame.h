@@ -1,0 +1,40 @@
+// Frames and scalar values.
+//
+// A message is one or more frames, each one NETSend/NETReceive unit; the first
+// frame starts with 'D'. Scalars never straddle frames. The sender writes in
+// the reader's byte order (swapping under kByteSwap); the receiver never swaps.
+// Every failure throws RpcError (7 transport, 15 empty packet, 16 bad start).
+#pragma once
+
+#include <cstdint>
+
+#include "core/handle.h"
+
+namespace zrpc {
+
+constexpr uint8_t kStartByte = 0x44;  // 'D'
+
+void RPCStartOFrame(HRPC h);
+void RPCPostFrame(HRPC h);
+void RPCGetFrame(HRPC h);
+void RPCStartIFrame(HRPC h);
+
+void RPCPushByte(HRPC h, int32_t value, const char *name);
+void RPCPushInt16(HRPC h, int32_t value, const char *name);
+void RPCPushInt32(HRPC h, int32_t value, const char *name);
+void RPCPushInt64(HRPC h, int64_t value, const char *name);
+void RPCPushSqlLen(HRPC h, int64_t value, const char *name);
+void RPCPushSqlULen(HRPC h, uint64_t value, const char *name);
+
+// A null destination consumes the value without storing or tracing it.
+void RPCPopByte(HRPC h, uint8_t *dest, const char *name);
+void RPCPopInt16(HRPC h, int16_t *dest, const char *name);
+void RPCPopInt32(HRPC h, int32_t *dest, const char *name);
+void RPCPopInt64(HRPC h, int64_t *dest, const char *name);
+void RPCPopSqlLen(HRPC h, int64_t *dest, const char *name);
+void RPCPopSqlULen(HRPC h, uint64_t *dest, const char *name);
+
+// Reverses 2, 4 or 8 bytes in place; other widths and null do nothing.
+void ByteSwap(void *bytes, int width);
+
+}  // namespace zrpc

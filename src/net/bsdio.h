@@ -1,0 +1,36 @@
+// BSD sockets driver: length-prefixed packets over one IPv4 TCP connection.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "zephrpc.h"
+
+namespace zrpc {
+
+constexpr std::size_t kBsdMessageSize = 5632;
+constexpr std::size_t kPacketBufferSize = 5120;  // header plus the largest payload
+constexpr uint32_t kErrorNotice = 0xFFFFFFFFu;   // header announcing a peer's error text
+
+struct BsdConnection {
+    int32_t socket;
+    int32_t rcvbuf;
+    int32_t sndbuf;
+    char message[kBsdMessageSize];
+    uint32_t mode;       // 0 client, 1 server
+    int32_t connected;   // 1 after a successful client connect
+};
+
+int32_t BSDterm();
+int32_t BSDconn(void **out, uint32_t mode, char **options, int32_t descriptor);
+int32_t BSDdisc(void *conn);
+int32_t BSDsend(void *conn, const void *data, uint32_t length);
+int32_t BSDrecv(void *conn, void *buffer, uint32_t size, uint32_t *length);
+int32_t BSDerror(void *conn, const char **text);
+
+bool is_ipaddress(const char *text);
+// Reads exactly `length` bytes; -1 with errno 0 on end of stream.
+int safe_recv(int socket, void *buffer, std::size_t length);
+void xstrerror_r(int error_number, char *buffer, std::size_t size);
+
+}  // namespace zrpc

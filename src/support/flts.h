@@ -1,0 +1,20 @@
+// Stored float formats: descriptions of native and wire float layouts.
+#pragma once
+
+#include <cstdint>
+
+#include "zephrpc.h"
+
+namespace zrpc {
+
+// Piece word: byte index | bit offset << 8 | width << 16.
+constexpr int32_t flt_piece(int byte, int offset, int width) {
+    return byte | (offset << 8) | (width << 16);
+}
+
+extern const int32_t native_float[FLT_DESC_WORDS];
+extern const int32_t stored_float[FLT_DESC_WORDS];
+extern const int32_t native_double[FLT_DESC_WORDS];
+extern const int32_t stored_double[FLT_DESC_WORDS];
+
+}  // namespace zrpc
