@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "net/netutil.h"
 #include "zephrpc.h"
 
 namespace zrpc {
@@ -28,9 +29,20 @@ int32_t BSDsend(void *conn, const void *data, uint32_t length);
 int32_t BSDrecv(void *conn, void *buffer, uint32_t size, uint32_t *length);
 int32_t BSDerror(void *conn, const char **text);
 
+// Socket creation and tuning, run for every new socket (also per retry).
+int32_t create_and_setup_socket(BsdConnection &c, char **options);
+// Raises SO_SNDBUF/SO_RCVBUF to the wanted sizes; never lowers them.
+int32_t set_sndrcv_buf_sizes(BsdConnection &c);
+int32_t set_rcvlowat(BsdConnection &c, int value);
+// Seconds; 0 and -1 leave the time-out unset.
+int32_t set_sndrcv_timeo(BsdConnection &c, int receive_seconds, int send_seconds);
+
 bool is_ipaddress(const char *text);
 // Reads exactly `length` bytes; -1 with errno 0 on end of stream.
 int safe_recv(int socket, void *buffer, std::size_t length);
 void xstrerror_r(int error_number, char *buffer, std::size_t size);
+
+// Replaces the connection's message (printf format, cut to fit).
+void set_message(BsdConnection &c, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 }  // namespace zrpc

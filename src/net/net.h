@@ -18,6 +18,11 @@ struct NETConnection {
 
 namespace zrpc {
 
+// Process-wide driver table filled by NETLoad: copies of the drivers whose
+// init succeeded, in table order. Transport numbers index this array.
+extern NETDriver *available_drvs;
+extern int32_t available_drv_count;
+
 // Test seam: replaces the compiled-in driver table used by the next NETLoad.
 // REQUIRES: no driver table loaded; `table` outlives the load. Null restores
 // the built-in table ("*TTY Driver", "*BSD Driver").

@@ -1,0 +1,27 @@
+// Small helpers shared by the drivers: failure texts and system error texts.
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+
+namespace zrpc {
+
+void xstrerror_r(int error_number, char *buffer, std::size_t size);
+
+// The system error text of one error number, in the 512 bytes every driver
+// text uses. Take it before a later call can change errno.
+class ErrorText {
+public:
+    explicit ErrorText(int error_number) { xstrerror_r(error_number, text_, sizeof text_); }
+    const char *get() const { return text_; }
+
+private:
+    char text_[512];
+};
+
+// Replaces a driver object's message; the text is cut to fit, never overflows.
+void vformat_into(char *message, std::size_t size, const char *format, va_list args)
+    __attribute__((format(printf, 3, 0)));
+
+}  // namespace zrpc
