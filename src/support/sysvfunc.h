@@ -6,6 +6,8 @@
 
 #include "zephrpc.h"
 
+struct utsname;
+
 namespace zrpc {
 
 using InfoFn = const char *(*)(HRPC h);
@@ -20,6 +22,11 @@ struct InfoItem {
 extern const InfoItem param_list[];
 
 constexpr std::size_t kInfoTextSize = 50;
+
+// The system call behind the first three texts; tests swap it to fake a
+// machine or a failure. Same contract as uname(2): 0 on success.
+using UnameFn = int (*)(struct ::utsname *);
+extern UnameFn uname_fn;
 
 // Zero-fills `size` bytes of dest, then copies source whole when it is at most
 // `size` characters long (its terminator may land at dest[size]), else its
