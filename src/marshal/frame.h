@@ -37,4 +37,22 @@ void RPCPopSqlULen(HRPC h, uint64_t *dest, const char *name);
 // Reverses 2, 4 or 8 bytes in place; other widths and null do nothing.
 void ByteSwap(void *bytes, int width);
 
+// --- frame access shared by the marshalling files
+
+// Bytes an output frame may hold: the handle's limit, kept within the buffer
+// (and above the widest scalar, so an unset limit cannot stall a writer).
+uint32_t frame_capacity(const rpc_handle *h);
+// Posts the output frame when `n` more bytes would reach the capacity: the
+// greater-or-equal test that keeps scalars from straddling frames.
+void reserve_out(HRPC h, uint32_t n);
+// Appends `n` bytes at the write position. REQUIRES: reserve_out(h, n) first.
+void put_out(HRPC h, const void *bytes, uint32_t n);
+// Makes `n` unread bytes available (fetching the next frame when fewer than
+// `n` remain) and consumes them; returns their address in the input frame.
+// Fails with 17 when a freshly fetched frame is shorter than `n`.
+const uint8_t *take_in(HRPC h, uint32_t n);
+
+// A parameter name as trace lines print it (names may be null on a server).
+inline const char *label(const char *name) { return name != nullptr ? name : "(null)"; }
+
 }  // namespace zrpc

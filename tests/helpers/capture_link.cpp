@@ -37,7 +37,8 @@ int32_t CaptureLink::do_recv(void *self, void *buffer, uint32_t size, uint32_t *
     std::vector<uint8_t> frame = std::move(link->incoming.front());
     link->incoming.pop_front();
     *length = static_cast<uint32_t>(frame.size());
-    std::memcpy(buffer, frame.data(), std::min<std::size_t>(frame.size(), size));
+    if (!frame.empty())
+        std::memcpy(buffer, frame.data(), std::min<std::size_t>(frame.size(), size));
     return 0;
 }
 
