@@ -140,7 +140,28 @@ inline int32_t set_error(rpc_handle *h, int32_t code) {
 
 inline bool has_flag(const rpc_handle *h, uint64_t bit) { return (h->flags & bit) != 0; }
 
+// The one place where internal failures become API results: runs `body`
+// (which returns the entry point's own 0/1 result) and turns an RpcError or
+// an allocation failure into the handle's error code and a result of 1.
+// Every public entry point that can reach marshalling or allocation uses it,
+// so no exception ever crosses the C API.
+template <class Body>
+int32_t guarded(rpc_handle *h, Body &&body) noexcept {
+    try {
+        return body();
+    } catch (const RpcError &e) {
+        return set_error(h, e.code);
+    } catch (...) {  // std::bad_alloc and anything unforeseen
+        return set_error(h, RPC_NOMEM);
+    }
+}
+
 // Replaces the handle's error text with a copy of `text` (null leaves none).
 void set_error_text(rpc_handle *h, const char *text);
 
+}  // namespace zrpc
+
+namespace zrpc {
+// Number of initialised handles holding the driver table (for tests).
+int32_t net_load_count();
 }  // namespace zrpc
