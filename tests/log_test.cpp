@@ -42,14 +42,22 @@ TEST_F(LogTest, TextIsExpandedTwice) {
     LogTrcMsgStr("\nCalling function: %s\n", "rate%%");
     EXPECT_EQ(read_trace_log(), "\nCalling function: rate%\n");
 
-    test::reset_logs();
-    LogTrcMsgStr("\nCalling function: %s\n", "get%d");
-    // The second expansion turns "%d" into some number.
-    const std::string text = read_trace_log(), head = "\nCalling function: get";
-    ASSERT_EQ(text.substr(0, head.size()), head);
-    const std::string rest = text.substr(head.size());
-    EXPECT_EQ(rest.find_first_not_of("-0123456789"), rest.size() - 1) << text;
-    EXPECT_TRUE(rest.size() > 1 && rest.back() == '\n') << text;
+    // No arguments exist for the second pass: every conversion reads a zero of
+    // its type, so traced data holding "%s" or "%n" cannot crash the process.
+    struct Case {
+        const char *traced, *written;
+    };
+    const Case cases[] = {
+        {"get%d", "get0"},          {"%5d|%-3x|%05.1f", "    0|0  |000.0"},
+        {"%s %p", "(null) (nil)"},  {"a%nb%ldc%*d", "ab0c0"},
+        {"tail%", "tail%"},         {"%y%", "%y%"},
+    };
+    for (const Case &c : cases) {
+        test::reset_logs();
+        LogTrcMsgStr("\nCalling function: %s\n", c.traced);
+        EXPECT_EQ(read_trace_log(), std::string("\nCalling function: ") + c.written + "\n")
+            << c.traced;
+    }
 }
 
 TEST_F(LogTest, EntryIsCutAt511Characters) {

@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "core/handle.h"
 
@@ -18,19 +19,68 @@ constexpr std::size_t kMemLineSize = 144;   // 19 groups of 7 and a terminator f
 constexpr int32_t kMemLimit = 128;          // tested only after each group of 7
 constexpr int32_t kMemGroup = 7;
 
+// Writes one conversion of the second expansion with a zero argument of the
+// conversion's type; returns the character after the conversion. An unknown
+// conversion is written as it stands.
+const char *write_conversion(std::FILE *out, const char *percent) {
+    const char *p = percent + 1;
+    std::string spec = "%";
+    while (*p && std::strchr("-+ #0'", *p)) spec += *p++;
+    for (int part = 0; part < 2; ++part) {  // width, then .precision; '*' reads 0
+        if (part == 1) {
+            if (*p != '.') break;
+            spec += *p++;
+        }
+        if (*p == '*') {
+            spec += '0';
+            ++p;
+        }
+        while (std::isdigit(static_cast<unsigned char>(*p))) spec += *p++;
+    }
+    while (*p && std::strchr("hlLqjzt", *p)) ++p;  // sizes: the zero below has its own
+    const char conversion = *p;
+    if (conversion == '\0') {
+        std::fputs(percent, out);
+        return p;
+    }
+    spec += conversion;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    switch (conversion) {
+        case '%': std::fputc('%', out); break;
+        case 'd': case 'i': case 'o': case 'u': case 'x': case 'X': case 'c':
+            std::fprintf(out, spec.c_str(), 0);
+            break;
+        case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
+            std::fprintf(out, spec.c_str(), 0.0);
+            break;
+        case 's': std::fprintf(out, spec.c_str(), "(null)"); break;
+        case 'p': std::fprintf(out, spec.c_str(), nullptr); break;
+        case 'n': break;  // never write through a pointer that is not there
+        default: std::fwrite(percent, 1, static_cast<std::size_t>(p + 1 - percent), out);
+    }
+#pragma GCC diagnostic pop
+    return p + 1;
+}
+
+// The formatted entry is expanded once more, as trace readers have always
+// seen it: a '%' that survives the first expansion is interpreted again
+// ("%%" becomes "%", "%d" a number). No arguments exist for that second pass,
+// so each conversion gets a zero of its type instead of reading stray memory.
+void write_expanded(std::FILE *out, const char *text) {
+    while (const char *percent = std::strchr(text, '%')) {
+        std::fwrite(text, 1, static_cast<std::size_t>(percent - text), out);
+        text = write_conversion(out, percent);
+    }
+    std::fputs(text, out);
+}
+
 void write_entry(const char *format, va_list args) {
     if (lfp == nullptr) LogInit();
     char buffer[kEntrySize];
     std::vsnprintf(buffer, sizeof buffer, format, args);
     if (lfp == nullptr) return;  // could not open: skip, retry on the next entry
-    // The formatted text is deliberately used as a format a second time: trace
-    // readers expect a '%' that survives the first expansion to be expanded
-    // again, so this is not the usual format-string mistake.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-security"
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    std::fprintf(lfp, buffer);
-#pragma GCC diagnostic pop
+    write_expanded(lfp, buffer);
     std::fflush(lfp);
 }
 

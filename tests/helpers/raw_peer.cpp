@@ -95,10 +95,10 @@ bool send_all(int fd, const void *data, std::size_t length) {
 }
 
 bool send_packet(int fd, std::span<const uint8_t> payload) {
-    Bytes packet(4 + payload.size());
-    uint32_t header = htonl(static_cast<uint32_t>(payload.size()));
-    std::memcpy(packet.data(), &header, 4);
-    if (!payload.empty()) std::memcpy(packet.data() + 4, payload.data(), payload.size());
+    const uint32_t header = htonl(static_cast<uint32_t>(payload.size()));
+    const auto *header_bytes = reinterpret_cast<const uint8_t *>(&header);
+    Bytes packet(header_bytes, header_bytes + 4);
+    packet.insert(packet.end(), payload.begin(), payload.end());
     return send_all(fd, packet.data(), packet.size());
 }
 
