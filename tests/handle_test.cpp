@@ -105,34 +105,19 @@ TEST(ErrorTable, TransportCodesReportTheTransportText) {
     NETUnload();
 }
 
-TEST(HandleLifecycle, FreshHandleHasNoErrorAndDefaults) {
+TEST(HandleLifecycle, InitialiseChecksModeAndStateAndLeavesCode28) {
     HandleGuard g;
-    int32_t code = -1;
-    EXPECT_EQ(report(g.h, &code), "RPC-NOERROR No error currently active");
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(g.h->mode, -1);
-    EXPECT_EQ(g.h->state, RPC_STATE_ALLOCATED);
+    EXPECT_EQ(report(g.h), "RPC-NOERROR No error currently active");
     EXPECT_EQ(g.h->frame_limit, 4096u);
-    EXPECT_EQ(RPCIsConnected(g.h), 0);
-}
-
-TEST(HandleLifecycle, InitialiseLeavesTransportNameErrorBehind) {
-    HandleGuard g;
-    ASSERT_EQ(RPCInitialise(g.h, RPC_MODE_CLIENT, 0), 0);
-    int32_t code = -1;
-    EXPECT_EQ(report(g.h, &code), "RPC-NOTRNAME, No transport anme located");
-    EXPECT_EQ(code, RPC_NOTRNAME);
-    EXPECT_EQ(g.h->state, RPC_STATE_INITIALISED);
-    EXPECT_EQ(g.h->transport_count, 2);
-}
-
-TEST(HandleLifecycle, InitialiseRefusesBadModeAndSecondCall) {
-    HandleGuard g;
     EXPECT_EQ(RPCInitialise(g.h, 2, 0), 1);
     EXPECT_EQ(g.h->error_code, RPC_INVMODE);
     EXPECT_EQ(g.h->state, RPC_STATE_ALLOCATED);
     ASSERT_EQ(RPCInitialise(g.h, RPC_MODE_SERVER, 7), 0);
+    int32_t code = -1;
+    EXPECT_EQ(report(g.h, &code), "RPC-NOTRNAME, No transport anme located");
+    EXPECT_EQ(code, RPC_NOTRNAME);
     EXPECT_EQ(g.h->server_descriptor, 7);
+    EXPECT_EQ(g.h->transport_count, 2);
     EXPECT_EQ(RPCInitialise(g.h, RPC_MODE_SERVER, 0), 1);
     EXPECT_EQ(g.h->error_code, RPC_BADSTATE);
 }
@@ -191,22 +176,18 @@ TEST(HandleLifecycle, EnumerateTransports) {
     EXPECT_EQ(RPCEnumerateTransports(g.h, -1, &name, &description), 1);
 }
 
-TEST(HandleLifecycle, QueriesOnNullOrFreshHandles) {
+TEST(HandleLifecycle, CallbacksAndPrivatePointer) {
+    static int terminated = 0;
+    static void *seen = nullptr;
     EXPECT_EQ(RPCIsConnected(nullptr), 0);
     EXPECT_EQ(RPCLastRPC(nullptr, nullptr), -1);
     EXPECT_EQ(RPCRegisterTerminateFn(nullptr, nullptr, nullptr), 1);
     EXPECT_EQ(RPCRegisterPrivatePtr(nullptr, nullptr, 0), 1);
     EXPECT_EQ(RPCGetPrivatePtr(nullptr), nullptr);
-    HandleGuard g;
-    const char *name = "untouched";
-    EXPECT_EQ(RPCLastRPC(g.h, &name), -1);
-    EXPECT_STREQ(name, "untouched");
-}
-
-TEST(HandleLifecycle, CallbacksAndPrivatePointer) {
-    static int terminated = 0;
-    static void *seen = nullptr;
     HRPC h = RPCAllocHandle();
+    const char *name = "untouched";
+    EXPECT_EQ(RPCLastRPC(h, &name), -1);
+    EXPECT_STREQ(name, "untouched");
     int marker = 0;
     ASSERT_EQ(RPCRegisterTerminateFn(
                   h, [](void *arg) { ++terminated, seen = arg; }, &marker),

@@ -24,18 +24,18 @@ constexpr int32_t kMemGroup = 7;
 // conversion is written as it stands.
 const char *write_conversion(std::FILE *out, const char *percent) {
     const char *p = percent + 1;
-    std::string spec = "%";
-    while (*p && std::strchr("-+ #0'", *p)) spec += *p++;
+    std::string directive = "%";
+    while (*p && std::strchr("-+ #0'", *p)) directive += *p++;
     for (int part = 0; part < 2; ++part) {  // width, then .precision; '*' reads 0
         if (part == 1) {
             if (*p != '.') break;
-            spec += *p++;
+            directive += *p++;
         }
         if (*p == '*') {
-            spec += '0';
+            directive += '0';
             ++p;
         }
-        while (std::isdigit(static_cast<unsigned char>(*p))) spec += *p++;
+        while (std::isdigit(static_cast<unsigned char>(*p))) directive += *p++;
     }
     while (*p && std::strchr("hlLqjzt", *p)) ++p;  // sizes: the zero below has its own
     const char conversion = *p;
@@ -43,19 +43,19 @@ const char *write_conversion(std::FILE *out, const char *percent) {
         std::fputs(percent, out);
         return p;
     }
-    spec += conversion;
+    directive += conversion;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
     switch (conversion) {
         case '%': std::fputc('%', out); break;
         case 'd': case 'i': case 'o': case 'u': case 'x': case 'X': case 'c':
-            std::fprintf(out, spec.c_str(), 0);
+            std::fprintf(out, directive.c_str(), 0);
             break;
         case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
-            std::fprintf(out, spec.c_str(), 0.0);
+            std::fprintf(out, directive.c_str(), 0.0);
             break;
-        case 's': std::fprintf(out, spec.c_str(), "(null)"); break;
-        case 'p': std::fprintf(out, spec.c_str(), nullptr); break;
+        case 's': std::fprintf(out, directive.c_str(), "(null)"); break;
+        case 'p': std::fprintf(out, directive.c_str(), nullptr); break;
         case 'n': break;  // never write through a pointer that is not there
         default: std::fwrite(percent, 1, static_cast<std::size_t>(p + 1 - percent), out);
     }
