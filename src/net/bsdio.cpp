@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -29,6 +30,7 @@ namespace {
 
 constexpr int kDefaultAttempts = 5;
 constexpr int kListenBacklog = 5;
+constexpr int kSafeLowWaterMark = 1;
 
 // A null slot takes the default; negative values fall back to it too.
 int option_or_default(char **options, int slot, int fallback) {
@@ -213,8 +215,12 @@ int32_t create_and_setup_socket(BsdConnection &c, char **options) {
     c.rcvbuf = option_or_default(options, 7, RECEIVE_BUFFER_SIZE);
     c.sndbuf = option_or_default(options, 8, SEND_BUFFER_SIZE);
     if (set_sndrcv_buf_sizes(c) != 0) return 1;
+    // Linux wakes a blocked reader only once the low-water mark's worth of
+    // data has arrived, even for a read of fewer bytes, so any mark above one
+    // byte stalls a request/response exchange of small packets. The option is
+    // still read; its effect is capped at the one byte that cannot stall.
     int lowat = option_or_default(options, 6, RECEIVE_LOWWATERMARK);
-    if (lowat != 0) set_rcvlowat(c, lowat);
+    if (lowat != 0) set_rcvlowat(c, std::min(lowat, kSafeLowWaterMark));
     set_sndrcv_timeo(c, option_int(options, 11), option_int(options, 12));
     return 0;
 }
