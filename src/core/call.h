@@ -1,0 +1,64 @@
+// Internals shared by the client call (exec*.cpp) and the server dispatch
+// loop (run*.cpp): parameter classes and the per-call phases.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+#include "core/handle.h"
+
+namespace zrpc {
+
+// Types whose value sits in the entry's value word (RPC_HANDLE included).
+constexpr uint32_t kScalarMask = RPC_INT16 | RPC_INT32 | RPC_INT64 | RPC_PTR | RPC_HANDLE |
+                                 RPC_SQLLEN | RPC_SQLULEN;
+// Scalars a client can exchange (RPC_HANDLE never reaches a client table).
+constexpr uint32_t kClientScalarMask = kScalarMask & ~RPC_HANDLE;
+// Blocks received with RPCPopArray rather than RPCPopMem.
+constexpr uint32_t kArrayMask = RPC_INT16_ARRAY | RPC_INT32_ARRAY | RPC_INT64_ARRAY |
+                                RPC_SQLLEN_ARRAY | RPC_SQLULEN_ARRAY;
+// Arrays whose elements are 4 bytes on the wire towards a 4-byte-SQLLEN peer.
+constexpr uint32_t kSqlLenArrayMask = RPC_SQLLEN_ARRAY | RPC_SQLULEN_ARRAY;
+
+// True when this block's local buffer is twice its wire size on this handle.
+inline bool doubled_sqllen_array(HRPC h, uint32_t flags) {
+    return (flags & kSqlLenArrayMask) != 0 && has_flag(h, kPeerSqlLen4);
+}
+
+// Number of parameter entries before the end mark (at most RPC_MAX_PARAMS).
+inline int param_count(const RPCFuncDesc *fd) {
+    int n = 0;
+    while (n < RPC_MAX_PARAMS && fd->params[n].flags != 0) ++n;
+    return n;
+}
+
+// The value word read or written as a narrower integer: int16 and int32
+// values live in its first bytes, which is what __RPCextractarg hands out.
+template <typename T>
+T slot_get(const RPCParam &e) {
+    T v;
+    std::memcpy(&v, &e.value, sizeof v);
+    return v;
+}
+template <typename T>
+void slot_set(RPCParam &e, T v) {
+    e.value = nullptr;
+    std::memcpy(&e.value, &v, sizeof v);
+}
+
+// One 8-byte variable argument per parameter entry, collected up front so
+// the push and the reply phase can both walk them from the first.
+struct CallArgs {
+    uint64_t word[RPC_MAX_PARAMS];
+    int count;
+};
+
+// Client: pushes the ordinal and every input (or output shape) and posts.
+void push_call(HRPC h, RPCFuncDesc *fd, const CallArgs &args);
+// Client: reads the reply and stores every output through its argument.
+void pop_reply(HRPC h, RPCFuncDesc *fd, const CallArgs &args);
+
+// Server: frees the buffers a call left in the descriptor's block entries.
+void release_call_buffers(RPCFuncDesc *fd);
+
+}  // namespace zrpc

@@ -1,0 +1,161 @@
+// Server dispatch loop: RPCRun.
+//
+// Each request names a function by ordinal; its arguments are unmarshalled
+// into the descriptor's own parameter entries (the slots), the function is
+// called with a pointer to the first entry, and RPCReturnArgs replies. The
+// loop ends only on failure, always returning 1 with the code in the handle.
+#include <climits>
+#include <cstdlib>
+#include <new>
+
+#include "core/call.h"
+#include "core/dispatch.h"
+#include "core/log.h"
+#include "marshal/block.h"
+#include "marshal/frame.h"
+#include "marshal/pointer.h"
+#include "marshal/variant.h"
+
+namespace zrpc {
+namespace {
+
+void *allocate(int64_t bytes) {
+    void *p = bytes <= INT32_MAX ? std::malloc(static_cast<std::size_t>(bytes)) : nullptr;
+    if (p == nullptr) fail(RPC_NOMEM);
+    return p;
+}
+
+void pop_variants(HRPC h, RPCParam &e) {
+    RPCVariant *elements = nullptr;
+    int32_t count = 0;
+    RPCPopWVArray(h, &elements, &count, e.flags, e.name);
+    e.value = elements;
+    e.length = count;
+}
+
+// An input block: size, compressed size when compressed, payload. The buffer
+// is owned by the entry from the moment it exists, so a failure part-way
+// still finds it for release.
+void pop_input_block(HRPC h, RPCParam &e) {
+    int32_t size = 0;
+    RPCPopInt32(h, &size, e.name);
+    int32_t wire = size;
+    if (compresses(h, size)) RPCPopInt32(h, &wire, e.name);
+    e.length = size;
+    if (size < 1) {
+        e.value = nullptr;
+        return;
+    }
+    // SQLLEN arrays from a 4-byte peer are widened into twice the wire size;
+    // `length` keeps the size received.
+    const int64_t bytes = doubled_sqllen_array(h, e.flags) ? 2 * int64_t{size} : size;
+    e.value = allocate(bytes);
+    if (e.flags & kArrayMask)
+        RPCPopArray(h, wire, static_cast<int32_t>(bytes), e.value, e.flags, e.name);
+    else
+        RPCPopMem(h, wire, static_cast<int32_t>(bytes), e.value, e.name);
+}
+
+// An output-only block: the client announced its capacity; the function gets
+// a buffer of that size (in local bytes) to fill.
+void pop_capacity(HRPC h, RPCParam &e) {
+    int32_t capacity = 0;
+    RPCPopInt32(h, &capacity, e.name);
+    e.length = capacity;
+    if (capacity < 1) return;  // no buffer; the value word stays as it was
+    int64_t bytes = capacity;
+    if (doubled_sqllen_array(h, e.flags)) {
+        bytes = 2 * int64_t{capacity};
+        if (bytes > INT32_MAX) fail(RPC_NOMEM);
+        e.length = static_cast<int32_t>(bytes);
+    }
+    e.value = allocate(bytes);
+}
+
+void pop_argument(HRPC h, RPCParam &e) {
+    const uint32_t f = e.flags;
+    if ((f & RPC_IN) == 0) {
+        if (f & RPC_WVARRAY)
+            pop_variants(h, e);  // sent even when output-only
+        else if ((f & kScalarMask) == 0)
+            pop_capacity(h, e);
+        return;
+    }
+    if (f & RPC_HANDLE) {
+        e.value = h;
+    } else if (f & RPC_PTR) {
+        RPCPopPtr(h, &e.value, f, e.name);
+    } else if (f & RPC_INT32) {
+        int32_t v = 0;
+        RPCPopInt32(h, &v, e.name);
+        slot_set(e, v);
+    } else if (f & RPC_INT16) {
+        int16_t v = 0;
+        RPCPopInt16(h, &v, e.name);
+        slot_set(e, v);
+    } else if (f & RPC_WVARRAY) {
+        pop_variants(h, e);
+    } else if (f & RPC_INT64) {
+        int64_t v = 0;
+        RPCPopInt64(h, &v, e.name);
+        slot_set(e, v);
+    } else if (f & RPC_SQLLEN) {
+        int64_t v = 0;
+        RPCPopSqlLen(h, &v, e.name);
+        slot_set(e, v);
+    } else if (f & RPC_SQLULEN) {
+        uint64_t v = 0;
+        RPCPopSqlULen(h, &v, e.name);
+        slot_set(e, v);
+    } else {
+        pop_input_block(h, e);
+    }
+}
+
+// Waits for a request and unmarshals it; `fd` is set as soon as the function
+// is known so that a failure can release what was allocated so far.
+void receive_call(HRPC h, RPCFuncDesc *&fd) {
+    RPCStartIFrame(h);
+    int16_t ordinal = -1;
+    RPCPopInt16(h, &ordinal, "Ordinal");
+    // The ordinal comes from the peer: anything outside the table is refused.
+    if (h->ordinal_table == nullptr || ordinal < 0 || ordinal >= h->ordinal_count)
+        fail(RPC_BADFUNC);
+    RPCFuncDesc *found = h->ordinal_table[ordinal];
+    if (found == nullptr || found->entry == nullptr) fail(RPC_BADFUNC);
+    if (has_flag(h, kTraceCalls)) LogTrcMsgStr("Function called: %s\n", found->name);
+    h->last_called = found;
+    fd = found;
+    const int n = param_count(found);
+    for (int i = 0; i < n; ++i) pop_argument(h, found->params[i]);
+}
+
+}  // namespace
+}  // namespace zrpc
+
+using namespace zrpc;
+
+extern "C" ZEPHRPC_API int32_t RPCRun(HRPC h) {
+    if (h == nullptr) return 1;
+    if (h->state != RPC_STATE_CONNECTED) return set_error(h, RPC_BADSTATE);
+    for (;;) {
+        RPCFuncDesc *fd = nullptr;
+        int32_t code = 0;
+        try {
+            receive_call(h, fd);
+            h->current_desc = fd;
+            h->replied = 0;
+            (void)fd->entry(&fd->params[0]);  // its result is not used
+            RPCReturnArgs(h);
+            continue;
+        } catch (const RpcError &e) {
+            code = e.code;
+        } catch (const std::bad_alloc &) {
+            code = RPC_NOMEM;
+        }
+        // Do not leave this call's buffers behind in the slots (releasing is
+        // idempotent: a slot already released holds null).
+        if (fd != nullptr) release_call_buffers(fd);
+        return set_error(h, code);
+    }
+}
