@@ -147,31 +147,29 @@ void RPCPushDesc(HRPC h, const char *name, RPCMemDesc desc) {
     send_bulk(h, name, desc.value, length);
 }
 
-void RPCPushInt16Array(HRPC h, const char *name, RPCMemDesc desc) {
+namespace {
+
+// The integer arrays differ only in element width and in the spacing of their
+// trace line, which readers of existing traces rely on.
+void push_int_array(HRPC h, const char *name, const RPCMemDesc &desc, const char *trace_format,
+                    int32_t width) {
     const int32_t length = payload_length(desc, false);
-    if (tracing(h)) {
-        LogTrcMsgStr("pushing int16-array %s : elements=%d, mem=%p\n", label(name), length / 2,
-                     desc.value);
-    }
-    send_array(h, name, desc, length, 2);
+    if (tracing(h)) LogTrcMsgStr(trace_format, label(name), length / width, desc.value);
+    send_array(h, name, desc, length, width);
+}
+
+}  // namespace
+
+void RPCPushInt16Array(HRPC h, const char *name, RPCMemDesc desc) {
+    push_int_array(h, name, desc, "pushing int16-array %s : elements=%d, mem=%p\n", 2);
 }
 
 void RPCPushInt32Array(HRPC h, const char *name, RPCMemDesc desc) {
-    const int32_t length = payload_length(desc, false);
-    if (tracing(h)) {
-        LogTrcMsgStr("pushing int32-array %s: elements=%d, mem=%p\n", label(name), length / 4,
-                     desc.value);
-    }
-    send_array(h, name, desc, length, 4);
+    push_int_array(h, name, desc, "pushing int32-array %s: elements=%d, mem=%p\n", 4);
 }
 
 void RPCPushInt64Array(HRPC h, const char *name, RPCMemDesc desc) {
-    const int32_t length = payload_length(desc, false);
-    if (tracing(h)) {
-        LogTrcMsgStr("pushing int64-array %s: elements=%d, mem=%p\n", label(name), length / 8,
-                     desc.value);
-    }
-    send_array(h, name, desc, length, 8);
+    push_int_array(h, name, desc, "pushing int64-array %s: elements=%d, mem=%p\n", 8);
 }
 
 void RPCPushSqlLenArray(HRPC h, const char *name, RPCMemDesc desc) {
