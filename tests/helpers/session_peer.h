@@ -1,13 +1,13 @@
 // Session-level test helpers: handles that clean up after themselves, bounded
-// background connects, and the other side of the connect handshake spoken on
-// a raw socket. Every wait is bounded.
+// background connects, and the other side of a connect spoken on a raw
+// socket. Every wait is bounded.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstdint>
-#include <functional>
 #include <future>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "core/handle.h"
@@ -16,98 +16,74 @@
 namespace zrpc::test {
 
 // An initialised handle; disconnected, terminated and freed at scope end.
-class TestHandle {
-public:
-    explicit TestHandle(int32_t mode, int32_t server_descriptor = 0);
-    ~TestHandle();
+struct TestHandle {
+    explicit TestHandle(int32_t mode, int32_t descriptor = 0) : h(RPCAllocHandle()) {
+        RPCInitialise(h, mode, descriptor);
+    }
     TestHandle(const TestHandle &) = delete;
-    TestHandle &operator=(const TestHandle &) = delete;
-    operator HRPC() const { return h_; }
-    HRPC operator->() const { return h_; }
-
-private:
-    HRPC h_;
+    ~TestHandle() {
+        if (h->state >= RPC_STATE_OPTIONS_SET) RPCDisconnect(h);
+        if (h->state != RPC_STATE_ALLOCATED) RPCTerminate(h);
+        RPCFreeHandle(h);
+    }
+    operator HRPC() const { return h; }
+    HRPC operator->() const { return h; }
+    HRPC h;
 };
 
-// BSD transport on 127.0.0.1. Receives give up after 10 seconds, so a
-// silent peer fails a connect instead of hanging it. The low-water mark is
-// 1: with the default 8192 Linux wakes no blocked receiver for a small packet.
-void use_tcp_server(HRPC h, uint16_t port);
-void use_tcp_client(HRPC h, uint16_t port, const char *attempts = "5");
-// TTY transport on the descriptor given to RPCInitialise.
-void use_tty(HRPC h);
+// BSD transport on 127.0.0.1:port. Receives give up after 10 seconds, and
+// so does a server's accept: a silent peer fails a connect instead of
+// hanging it.
+void use_tcp(HRPC h, uint16_t port);
 
-// Runs `work` on its own thread. result() waits at most timeout_ms; past
-// that it records a failure and calls `unblock` to free a blocked call.
-class Background {
-public:
-    explicit Background(std::function<int32_t()> work, std::function<void()> unblock = {});
-    Background(Background &&) = default;
-    ~Background();
-    int32_t result(int timeout_ms = 20000);
+// RPCConnect(h, 3, 1, "abc") on a thread of its own, bounded by the
+// transport's time-outs.
+inline std::future<int32_t> connect_async(HRPC h) {
+    return std::async(std::launch::async, [h] { return RPCConnect(h, 3, 1, "abc"); });
+}
 
-private:
-    std::future<int32_t> future_;
-    std::function<void()> unblock_;
-};
+// A library handle of `mode` on TCP loopback whose peer is the raw socket
+// `fd`. The raw end hangs up first at scope end, since a client's disconnect
+// waits for the peer's close.
+struct RawPeer {
+    explicit RawPeer(int32_t mode)
+        : port(mode == RPC_MODE_CLIENT ? listener.port() : free_port()), h(mode) {
+        use_tcp(h, port);
+    }
+    ~RawPeer() { hang_up(); }
+    // The library end's connect_async, then the raw end's accept or connect.
+    std::future<int32_t> start() {
+        std::future<int32_t> pending = connect_async(h);
+        fd = h->mode == RPC_MODE_CLIENT ? listener.accept_one() : connect_loopback_retry(port);
+        return pending;
+    }
+    // The raw end of a good negotiation. Facing a server it reads magic,
+    // version and parameters, answers 04:8^10:8^ and reads the table up to
+    // "C". Facing a client it sends magic, 3:1:abc and 04:8^10:8^, reads the
+    // client's parameters and sends an empty table. Texts travel with their
+    // zero. Returns the packets read, or none on a transport failure.
+    std::vector<std::string> handshake();
+    void hang_up() {
+        if (fd >= 0) close(fd);
+        fd = -1;
+    }
 
-// RPCConnect of a server on `port` in the background; a stuck accept is
-// freed by a throw-away connection.
-Background connect_server_async(HRPC h, uint16_t port, int32_t v1 = 3, int32_t v2 = 1,
-                                const char *uid = "abc");
-
-// The parameter text every end of this library sends.
-std::string own_parameters();
-
-// Raw client against a library server: reads magic, version and parameters,
-// answers with `params` (sent with its zero) and reads the table up to "C".
-// Returns the packets received, or an empty vector on a transport failure.
-std::vector<std::string> raw_client_handshake(int fd, std::string_view params = "04:8^10:8^");
-
-// Raw server against a library client: magic, `version`, `params`, reads the
-// client's parameters, then "A", each record (sent with its zero), "C".
-// Returns the client's parameter packet, or "" on a transport failure.
-std::string raw_server_handshake(int fd, std::string_view version = "3:1:abc",
-                                 std::string_view params = "04:8^10:8^",
-                                 const std::vector<std::string> &records = {});
-
-// A library client whose peer is a raw server on a listener. The client's
-// disconnect waits for the peer's close, so hang up before result().
-struct RawServer {
-    RawServer();
-    ~RawServer();
-    // RPCConnect(client, 3, 1, "abc") in the background, then the accept.
-    Background start();
-    void send_all(const std::vector<std::string> &packets);  // each as it is
-    void hang_up();
-
-    Listener listener;
-    TestHandle client{RPC_MODE_CLIENT};
-    int fd = -1;
-};
-
-// A library server whose peer is a raw client.
-struct RawClient {
-    RawClient();
-    ~RawClient();
-    Background start();  // RPCConnect(server, 3, 1, "abc") and the raw connect
-    void hang_up();
-
+    Listener listener;  // what a library client connects to
     uint16_t port;
-    TestHandle server{RPC_MODE_SERVER};
+    TestHandle h;
     int fd = -1;
 };
 
-// The error code and its text as RPCReportError gives them.
-struct Reported {
-    int32_t code;
-    std::string text;
-};
-Reported report(HRPC h);
+// The text RPCReportError gives for the handle's current error code.
+inline std::string report(HRPC h) {
+    const char *text = nullptr;
+    RPCReportError(h, &text);
+    return text ? text : "<null>";
+}
 
-// Three functions: "alpha" (int32 in "count", mem out unnamed length 64,
-// handle in), "beta" (none), "gamma" (int16 in/out named "", sqllen array
-// in "lens" length 80); a null name ends it.
+// "alpha" (int32 in "count", mem out unnamed of 64, handle in "h"), "beta"
+// (none), "gamma" (int16 in/out named "", SQLLEN array in "lens" of 80), then
+// a null name.
 const RPCFuncDesc *sample_table();
 
 }  // namespace zrpc::test
