@@ -62,11 +62,11 @@ TEST(TransportOptions, SettingRulesAndFailedConnect) {
     EXPECT_EQ(h->transport_opts[1], nullptr);
 }
 
-// The first three descriptors, each as "name ordinal:" and then
-// " flags/length/name" per parameter up to the end mark.
-std::vector<std::string> first_three(HRPC h) {
+// Every descriptor, each as "name ordinal:" and then " flags/length/name"
+// per parameter up to the end mark.
+std::vector<std::string> descriptors(HRPC h) {
     std::vector<std::string> out;
-    for (const RPCFuncDesc *d = h->desc_list; d && out.size() < 3; d = d->next) {
+    for (const RPCFuncDesc *d = h->desc_list; d; d = d->next) {
         out.push_back(std::string(d->name) + " " + std::to_string(d->ordinal) + ":");
         for (const RPCParam *p = d->params; p < d->params + RPC_MAX_PARAMS && p->flags; ++p)
             out.back() += " " + std::to_string(p->flags) + "/" + std::to_string(p->length) + "/" +
@@ -91,8 +91,9 @@ void run_sessions(HRPC server, HRPC client) {
         for (HRPC h : {server, client}) EXPECT_EQ(h->flags, kPeerCompresses | kCompress | forced);
         EXPECT_EQ(RPCConnect(client, 3, 1, "abc"), 1);
         EXPECT_EQ(client->error_code, RPC_BADSTATE);
-        // Newest first; unnamed parameters arrive as "n", RPC_HANDLE stays home.
-        EXPECT_EQ(first_three(client),
+        // Unnamed parameters arrive as "n", RPC_HANDLE stays home, and a
+        // reconnect replaces the earlier table instead of stacking on it.
+        EXPECT_EQ(descriptors(client),
                   (std::vector<std::string>{"alpha 2: 1026/0/count 2052/64/n", "beta 1:",
                                             "gamma 0: 3073/0/n 132096/80/lens"}));
         EXPECT_TRUE(RPCFuncExists(client, "gamma") && RPCFuncExists(server, "gamma"));
@@ -100,6 +101,7 @@ void run_sessions(HRPC server, HRPC client) {
         EXPECT_EQ(RPCDisconnect(server), 0);  // first: the client waits for its close
         EXPECT_EQ(RPCDisconnect(client), 0);
         EXPECT_EQ(client->state, RPC_STATE_OPTIONS_SET);
+        EXPECT_TRUE(RPCFuncExists(client, "alpha")) << "the table survives a disconnect";
     }
 }
 

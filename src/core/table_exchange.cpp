@@ -137,6 +137,11 @@ int32_t ExportFunc(HRPC h) {
 }
 
 int32_t ImportFunc(HRPC h) {
+    // The table of an earlier connection stays usable after a disconnect and
+    // is replaced here, so reconnecting does not pile up copies of it.
+    FreeArgs(h->mode, h->desc_list, nullptr);
+    h->desc_list = nullptr;
+    drop_name_index(h);
     char message[kRecordLimit] = {};
     uint32_t length = 0;
     if (NETReceive(h->conn, message, 1, &length) != 0 || length != 1 || message[0] != kTableStart)
