@@ -1,124 +1,96 @@
-// A library server handle that connects (accepting one peer on a loopback
-// port) and runs its dispatch loop on a thread of its own, and a matching
-// library client. Header-only. Handles are initialised and terminated on the
-// test's thread only, since that bookkeeping is process-wide.
+// Library handles on TCP loopback for end-to-end tests: a server that accepts
+// one peer and runs its dispatch loop on a thread of its own, and clients.
+// Header-only. Handles are initialised and terminated on the test's thread
+// only, since that bookkeeping is process-wide.
 #pragma once
 
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <future>
 #include <string>
-#include <thread>
+#include <utility>
+#include <vector>
 
 #include "core/handle.h"
 #include "helpers/raw_peer.h"
-#include "net/bsdio.h"
-#include "net/net.h"
 
 namespace zrpc::test {
 
-constexpr int32_t kBsdTransport = 1;
 constexpr const char *kUid = "call-test";
+constexpr uint32_t IN = RPC_IN, OUT = RPC_OUT, INOUT = RPC_IN | RPC_OUT;
+using Params = std::initializer_list<std::pair<uint32_t, const char *>>;  // flags and name
 
-struct ServerResult {
-    int32_t connect = -1;  // RPCConnect's result
-    int32_t run = -1;      // RPCRun's result (-1: not reached)
-    int32_t error = 0;     // error code when the thread ended
-};
-
-class ServedHandle {
-public:
-    ServedHandle(const RPCFuncDesc *table, const char *tracing = nullptr)
-        : port_(free_port()), h(RPCAllocHandle()) {
-        RPCInitialise(h, RPC_MODE_SERVER, 0);
-        RPCExport(h, table);
-        if (tracing) SetTracing(h, tracing);
-        const std::string port = std::to_string(port_);
-        RPCSetTransportOpts(h, kBsdTransport, nullptr, port.c_str(), nullptr, nullptr, nullptr,
-                            nullptr, nullptr);
-        done_ = std::async(std::launch::async, [this] {
-            ServerResult r;
-            r.connect = RPCConnect(h, 1, 0, kUid);
-            if (r.connect == 0) r.run = RPCRun(h);
-            r.error = h->error_code;
-            // Close our end at once: a client's orderly close waits for it.
-            RPCDisconnect(h);
-            return r;
-        });
+inline RPCFuncDesc F(const char *name, RPCServerFn fn, Params params) {
+    RPCFuncDesc d{};
+    d.name = const_cast<char *>(name);
+    d.entry = fn;
+    int i = 0;
+    for (auto [flags, param] : params) {
+        d.params[i].flags = flags;
+        d.params[i++].name = const_cast<char *>(param);
     }
-    ServedHandle(const ServedHandle &) = delete;
-    ServedHandle &operator=(const ServedHandle &) = delete;
-    ~ServedHandle() {
-        finish();
-        RPCTerminate(h);
-        RPCFreeHandle(h);
-    }
-
-    uint16_t port() const { return port_; }
-
-    // Waits for the thread to end: first as it is, then after waking an
-    // accept that never got a peer, then by shutting the served socket.
-    // Each stage is bounded; the result is what the thread reported.
-    ServerResult finish(int timeout_ms = 5000) {
-        if (finished_) return result_;
-        using std::chrono::milliseconds;
-        if (done_.wait_for(milliseconds(timeout_ms)) != std::future_status::ready) {
-            int fd = connect_loopback(port_);
-            if (fd >= 0) close(fd);
-        }
-        if (done_.wait_for(milliseconds(timeout_ms)) != std::future_status::ready) {
-            if (h->conn && h->conn->driver_conn)
-                shutdown(static_cast<BsdConnection *>(h->conn->driver_conn)->socket, SHUT_RDWR);
-        }
-        if (done_.wait_for(milliseconds(timeout_ms)) != std::future_status::ready) std::abort();
-        result_ = done_.get();
-        finished_ = true;
-        return result_;
-    }
-
-private:
-    uint16_t port_;
-    std::future<ServerResult> done_;
-    bool finished_ = false;
-    ServerResult result_;
-
-public:
-    HRPC h;
-};
-
-// Points a client handle at 127.0.0.1:port with the BSD sockets transport.
-inline int32_t aim_client(HRPC h, uint16_t port) {
-    const std::string p = std::to_string(port);
-    const int32_t r = RPCSetTransportOpts(h, kBsdTransport, "127.0.0.1", p.c_str(), nullptr,
-                                          nullptr, nullptr, nullptr, nullptr);
-    // A busy machine may start the server's listener late: keep retrying a
-    // refused connect for a while (the waits grow by 0.1 s per attempt).
-    RPCSetLowLTransportOpts(h, 1, RPC_LOWL_ATTEMPTS, "20");
-    return r;
+    return d;
+}
+inline RPCMemDesc desc(int32_t length, void *buffer) {
+    RPCMemDesc d{};
+    d.length = length;
+    d.value = buffer;
+    return d;
+}
+// Error callback that collects the codes in a std::vector<int32_t>.
+inline void record_code(int32_t code, void *codes) {
+    static_cast<std::vector<int32_t> *>(codes)->push_back(code);
 }
 
-// A client handle connected to 127.0.0.1:port (null when the connect
-// failed; the handle is then freed). Free it with close_client.
-inline HRPC open_client(uint16_t port, const char *tracing = nullptr, const char *uid = kUid) {
+// A handle for 127.0.0.1:port over BSD sockets (transport 1). A client
+// retries a refused connect for a while, since a busy machine may start the
+// server's listener late (the waits grow by 0.1 s per attempt).
+inline HRPC new_handle(int32_t mode, uint16_t port, const char *tracing = nullptr) {
     HRPC h = RPCAllocHandle();
-    RPCInitialise(h, RPC_MODE_CLIENT, 0);
+    RPCInitialise(h, mode, 0);
     if (tracing) SetTracing(h, tracing);
-    aim_client(h, port);
-    if (RPCConnect(h, 1, 0, uid) != 0) {
-        RPCTerminate(h);
-        RPCFreeHandle(h);
-        return nullptr;
-    }
+    RPCSetTransportOpts(h, 1, mode == RPC_MODE_CLIENT ? "127.0.0.1" : nullptr,
+                        std::to_string(port).c_str(), nullptr, nullptr, nullptr, nullptr, nullptr);
+    RPCSetLowLTransportOpts(h, 1, RPC_LOWL_ATTEMPTS, "20");
     return h;
 }
-
-inline void close_client(HRPC h) {
-    if (!h) return;
+inline void free_handle(HRPC h) {
     RPCDisconnect(h);
     RPCTerminate(h);
     RPCFreeHandle(h);
 }
+
+struct ServedHandle {
+    explicit ServedHandle(const RPCFuncDesc *table, const char *tracing = nullptr)
+        : h(new_handle(RPC_MODE_SERVER, port, tracing)) {
+        RPCExport(h, table);
+        done = std::async(std::launch::async, [this] {
+            const int32_t r = RPCConnect(h, 1, 0, kUid) ? -1 : RPCRun(h) != 1 ? -2 : h->error_code;
+            RPCDisconnect(h);  // at once: a client's orderly close waits for it
+            return r;
+        });
+    }
+    ~ServedHandle() {
+        finish();
+        free_handle(h);
+    }
+    // The code that ended the dispatch loop (-1: never connected, -2: RPCRun
+    // did not return 1). Bounded: an accept that got no peer is woken by a
+    // connection; a loop that still does not end aborts the test program.
+    int32_t finish() {
+        using std::future_status::ready;
+        if (!done.valid()) return result;
+        if (done.wait_for(std::chrono::seconds(5)) != ready) close(connect_loopback(port));
+        if (done.wait_for(std::chrono::seconds(5)) != ready) std::abort();
+        return result = done.get();
+    }
+
+    const uint16_t port = free_port();
+    HRPC h;
+    std::future<int32_t> done;
+    int32_t result = -1;
+};
 
 }  // namespace zrpc::test
