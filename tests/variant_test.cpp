@@ -36,6 +36,12 @@ TEST(Variant, FormFollowsModeAndDirection) {
     for (int i = 0; i < n; ++i) lengths.push_back(got[i].length);
     EXPECT_EQ(lengths, (std::vector{4, 3, 0, 16, 0}));
     free_wvarray(got, n);
+    // Neither direction: the server reads the count alone and stays in step.
+    w.send([&](HRPC h) { RPCPushWVArray(h, 0, "v", desc(v, 2)), RPCPushInt32(h, 99, "after"); });
+    int32_t after = 0;
+    RPCPopWVArray(w.rx, &got, &n, 0, "v"), RPCPopInt32(w.rx, &after, "after");
+    EXPECT_TRUE(n == 2 && got[1].type == 0 && got[1].data == nullptr && after == 99);
+    free_wvarray(got, n);
 }
 
 // Every element type through a server's pop, its reply and the client's pop

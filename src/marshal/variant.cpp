@@ -251,8 +251,11 @@ void pop_server(HRPC h, RPCVariant **elements, int32_t *count, uint32_t flags) {
                                                          sizeof(RPCVariant)));
         if (records == nullptr) fail(RPC_NOMEM);
     }
+    // A client sends only the count for an array that is neither in nor out;
+    // its elements then stay empty records for the function to look at.
+    const bool elements_follow = (flags & (RPC_IN | RPC_OUT)) != 0;
     try {
-        for (int32_t i = 0; i < n; ++i) {
+        for (int32_t i = 0; elements_follow && i < n; ++i) {
             pop_server_element(h, records[i], (flags & RPC_IN) != 0, ElementName(i).text);
         }
     } catch (...) {
