@@ -72,6 +72,14 @@ void pop_capacity(HRPC h, RPCParam &e) {
     e.value = allocate(bytes);
 }
 
+// Pops one scalar and keeps it in the entry's value word.
+template <typename T>
+void pop_into_slot(HRPC h, RPCParam &e, void (*pop)(HRPC, T *, const char *)) {
+    T value = 0;
+    pop(h, &value, e.name);
+    slot_set(e, value);
+}
+
 void pop_argument(HRPC h, RPCParam &e) {
     const uint32_t f = e.flags;
     if ((f & RPC_IN) == 0) {
@@ -86,27 +94,17 @@ void pop_argument(HRPC h, RPCParam &e) {
     } else if (f & RPC_PTR) {
         RPCPopPtr(h, &e.value, f, e.name);
     } else if (f & RPC_INT32) {
-        int32_t v = 0;
-        RPCPopInt32(h, &v, e.name);
-        slot_set(e, v);
+        pop_into_slot<int32_t>(h, e, RPCPopInt32);
     } else if (f & RPC_INT16) {
-        int16_t v = 0;
-        RPCPopInt16(h, &v, e.name);
-        slot_set(e, v);
+        pop_into_slot<int16_t>(h, e, RPCPopInt16);
     } else if (f & RPC_WVARRAY) {
         pop_variants(h, e);
     } else if (f & RPC_INT64) {
-        int64_t v = 0;
-        RPCPopInt64(h, &v, e.name);
-        slot_set(e, v);
+        pop_into_slot<int64_t>(h, e, RPCPopInt64);
     } else if (f & RPC_SQLLEN) {
-        int64_t v = 0;
-        RPCPopSqlLen(h, &v, e.name);
-        slot_set(e, v);
+        pop_into_slot<int64_t>(h, e, RPCPopSqlLen);
     } else if (f & RPC_SQLULEN) {
-        uint64_t v = 0;
-        RPCPopSqlULen(h, &v, e.name);
-        slot_set(e, v);
+        pop_into_slot<uint64_t>(h, e, RPCPopSqlULen);
     } else {
         pop_input_block(h, e);
     }
