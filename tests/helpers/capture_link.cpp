@@ -33,7 +33,7 @@ int32_t CaptureLink::do_send(void *self, const void *data, uint32_t length) {
 
 int32_t CaptureLink::do_recv(void *self, void *buffer, uint32_t size, uint32_t *length) {
     auto *link = static_cast<CaptureLink *>(self);
-    if (link->fail_recv || link->incoming.empty()) return 1;
+    if (link->incoming.empty()) return 1;
     std::vector<uint8_t> frame = std::move(link->incoming.front());
     link->incoming.pop_front();
     *length = static_cast<uint32_t>(frame.size());

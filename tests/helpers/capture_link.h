@@ -26,7 +26,6 @@ public:
     std::vector<std::vector<uint8_t>> sent;      // every frame, in order
     std::deque<std::vector<uint8_t>> incoming;   // frames to hand out
     bool fail_send = false;
-    bool fail_recv = false;
 
     // All sent frames joined into one byte stream.
     std::vector<uint8_t> sent_bytes() const;
