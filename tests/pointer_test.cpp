@@ -21,9 +21,11 @@ static void *pop_ptr(HRPC h) {
 // turns them into proxies and hands them back: only RPC_IN parameters travel,
 // as the first peer-pointer-size bytes of the index.
 TEST(Pointer, ServerIndicesBecomeClientProxiesAndComeBack) {
-    WirePair w(0, kPeerPtrIndex, 1, kPeerPtrIndex, 4);
+    WirePair w(0, kPeerPtrIndex, 4);
     add_ptr_to_list_l(w.tx, nullptr);
-    w.send([](HRPC h) { for (int *p : {&a, &a, (int *)nullptr, &b}) RPCPushPtr(h, p, 0, "p"); });
+    w.send([](HRPC h) {
+        for (int *p : std::initializer_list<int *>{&a, &a, nullptr, &b}) RPCPushPtr(h, p, 0, "p");
+    });
     EXPECT_EQ(w.bytes(), (Bytes{'D', 1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0}));
     void *first = pop_ptr(w.rx);
     EXPECT_EQ(pop_ptr(w.rx), first);
@@ -32,9 +34,11 @@ TEST(Pointer, ServerIndicesBecomeClientProxiesAndComeBack) {
     EXPECT_EQ(w.rx->ptr_count, 2);  // index 0 made no node
 
     w.turn();
-    w.tx->peer_ptr_size = w.rx->peer_ptr_size = 2;
+    w.tx->peer_ptr_size = 2;
+    w.rx->peer_ptr_size = 2;
     w.send([&](HRPC h) {
-        RPCPushPtr(h, second, RPC_PTR | RPC_IN, "p"), RPCPushPtr(h, first, RPC_PTR | RPC_OUT, "o");
+        RPCPushPtr(h, second, RPC_PTR | RPC_IN, "p");
+        RPCPushPtr(h, first, RPC_PTR | RPC_OUT, "o");
         RPCPushPtr(h, first, RPC_PTR | RPC_IN, "p");
     });
     EXPECT_EQ(w.bytes(), (Bytes{'D', 2, 0, 1, 0}));
@@ -65,10 +69,12 @@ TEST(Pointer, TablesGrowByTen) {
 
 TEST(Pointer, UnknownIndicesAndBadWidthsFailWith26) {
     reset_logs();
-    WirePair w(1, kPeerPtrIndex, 0, kPeerPtrIndex, 4);
-    for (int *p : {(int *)nullptr, &a, &b}) add_ptr_to_list_l(w.rx, p);
-    for (const Bytes &frame : {Bytes{'D', 9, 0, 0, 0}, Bytes{'D', 0xFF, 0xFF, 0xFF, 0xFF}})
-        EXPECT_EQ(error_of([&] { w.receive({frame}), pop_ptr(w.rx); }), RPC_HMARSHAL);
+    WirePair w(1, kPeerPtrIndex, 4);
+    for (int *p : std::initializer_list<int *>{nullptr, &a, &b}) add_ptr_to_list_l(w.rx, p);
+    for (const Bytes &frame : {Bytes{'D', 9, 0, 0, 0}, Bytes{'D', 0xFF, 0xFF, 0xFF, 0xFF}}) {
+        w.receive({frame});
+        EXPECT_EQ(error_of([&] { pop_ptr(w.rx); }), RPC_HMARSHAL);
+    }
     EXPECT_EQ(read_trace_log(), "Pointer marshalling error...lookup with index 9, failed"
                                 "Pointer marshalling error...lookup with index -1, failed");
     w.tx->peer_ptr_size = 5;  // more than an index can fill

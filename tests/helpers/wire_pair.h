@@ -15,14 +15,10 @@
 namespace zrpc::test {
 
 using Bytes = std::vector<uint8_t>;
-
-struct HandleFree {
-    void operator()(rpc_handle *h) const { RPCFreeHandle(h); }
-};
-using HandlePtr = std::unique_ptr<rpc_handle, HandleFree>;
+using HandlePtr = std::unique_ptr<rpc_handle, decltype(&RPCFreeHandle)>;
 
 inline HandlePtr make_handle(int32_t mode, uint64_t flags, int32_t peer_ptr_size = 8) {
-    HandlePtr h(RPCAllocHandle());
+    HandlePtr h(RPCAllocHandle(), RPCFreeHandle);
     h->mode = mode;
     h->flags = flags;
     h->peer_ptr_size = peer_ptr_size;
@@ -30,12 +26,10 @@ inline HandlePtr make_handle(int32_t mode, uint64_t flags, int32_t peer_ptr_size
 }
 
 struct WirePair {
-    WirePair(int32_t tx_mode, uint64_t tx_flags, int32_t rx_mode, uint64_t rx_flags,
-             int32_t peer_ptr_size = 8)
-        : owned_tx(make_handle(tx_mode, tx_flags, peer_ptr_size)),
-          owned_rx(make_handle(rx_mode, rx_flags, peer_ptr_size)),
-          tx(owned_tx.get()),
-          rx(owned_rx.get()) {
+    // The receiver is of the other mode, with the same flags.
+    WirePair(int32_t tx_mode, uint64_t flags, int32_t peer_ptr_size = 8)
+        : owned_tx(make_handle(tx_mode, flags, peer_ptr_size)),
+          owned_rx(make_handle(1 - tx_mode, flags, peer_ptr_size)) {
         tx_link.attach(tx);
         rx_link.attach(rx);
         tx_link.pair_with(rx_link);
@@ -60,22 +54,18 @@ struct WirePair {
         rx_link.attach(rx);
         tx_link.sent.clear();
     }
-    std::vector<uint8_t> bytes() const { return tx_link.sent_bytes(); }
-    std::vector<size_t> frame_sizes() const {
-        std::vector<size_t> sizes;
-        for (const auto &frame : tx_link.sent) sizes.push_back(frame.size());
-        return sizes;
-    }
+    Bytes bytes() const { return tx_link.sent_bytes(); }
 
     HandlePtr owned_tx, owned_rx;
-    HRPC tx, rx;
+    HRPC tx = owned_tx.get();
+    HRPC rx = owned_rx.get();
     CaptureLink tx_link, rx_link;
 };
 
 // The bytes of the one message `pushes` builds on a handle of `mode`.
 template <typename Pushes>
-Bytes wire_of(int32_t mode, uint64_t flags, Pushes &&pushes, int32_t peer_ptr_size = 8) {
-    WirePair w(mode, flags, 1 - mode, flags, peer_ptr_size);
+Bytes wire_of(int32_t mode, uint64_t flags, Pushes &&pushes) {
+    WirePair w(mode, flags);
     w.send(pushes);
     return w.bytes();
 }
