@@ -14,8 +14,6 @@ namespace {
 using namespace zrpc;
 using namespace zrpc::test;
 
-std::string z(std::string_view text) { return std::string(text) + '\0'; }
-
 // A connect of `mode` against a raw peer that (facing a server, after reading
 // its three texts) sends the packets `sent` as they are, reads `reads` packets
 // and hangs up. The connect must fail with `code` and leave state 2.
@@ -28,9 +26,6 @@ void expect_refused(int32_t mode, const std::vector<std::string> &sent, int read
     peer.hang_up();
     EXPECT_EQ(pending.get(), 1);
     EXPECT_EQ(peer.h->error_code, code);
-    if (code == RPC_ETRANSPORT && mode == RPC_MODE_CLIENT) {  // the driver's text stays
-        EXPECT_EQ(report(peer.h), "Connection closed by peer");
-    }
     EXPECT_EQ(peer.h->state, RPC_STATE_OPTIONS_SET);
 }
 
@@ -72,9 +67,6 @@ TEST(Negotiate, BadInputIsRefused) {
         {client, {magic, version, params, "A", z("X0!f!"), "C"}, 1, RPC_FUNCFAIL},
         {client, {magic, version, params, "A", z("B0!f!"), z("B1!f!"), "C"}, 1, RPC_DUPEXPFN},
         {client, {}, 0, RPC_ETRANSPORT},
-        {client, {magic}, 0, RPC_ETRANSPORT},
-        {client, {magic, version}, 0, RPC_ETRANSPORT},
-        {client, {magic, version, params}, 1, RPC_ETRANSPORT},
         {client, {magic, version, params, "A", z("B0!f!")}, 1, RPC_ETRANSPORT},
         {RPC_MODE_SERVER, {}, 0, RPC_ETRANSPORT},
     };

@@ -1,14 +1,6 @@
 #include "helpers/session_peer.h"
 
-#include <gtest/gtest.h>
-
 namespace zrpc::test {
-
-void use_tcp(HRPC h, uint16_t port) {
-    const std::string p = std::to_string(port);
-    ASSERT_EQ(RPCSetTransportOpts(h, 1, "127.0.0.1", p.c_str(), 0, 0, 0, 0, 0), 0);
-    ASSERT_EQ(RPCSetLowLTransportOpts(h, 2, RPC_LOWL_ATTEMPTS, "5", RPC_LOWL_RCVTIMEO, "10"), 0);
-}
 
 std::vector<std::string> RawPeer::handshake() {
     std::vector<std::string> got;

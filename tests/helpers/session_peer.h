@@ -1,6 +1,5 @@
-// Session-level test helpers: handles that clean up after themselves, bounded
-// background connects, and the other side of a connect spoken on a raw
-// socket. Every wait is bounded.
+// Session-level test helpers: handles that clean up after themselves and the
+// other side of a connect spoken on a raw socket. Every wait is bounded.
 #pragma once
 
 #include <unistd.h>
@@ -31,29 +30,22 @@ struct TestHandle {
     HRPC h;
 };
 
-// BSD transport on 127.0.0.1:port. Receives give up after 10 seconds, and
-// so does a server's accept: a silent peer fails a connect instead of
-// hanging it.
-void use_tcp(HRPC h, uint16_t port);
-
-// RPCConnect(h, 3, 1, "abc") on a thread of its own, bounded by the
-// transport's time-outs.
-inline std::future<int32_t> connect_async(HRPC h) {
-    return std::async(std::launch::async, [h] { return RPCConnect(h, 3, 1, "abc"); });
-}
-
 // A library handle of `mode` on TCP loopback whose peer is the raw socket
-// `fd`. The raw end hangs up first at scope end, since a client's disconnect
-// waits for the peer's close.
+// `fd`. Receives give up after 10 seconds, and so does a server's accept: a
+// silent peer fails a connect instead of hanging it. The raw end hangs up
+// first at scope end, since a client's disconnect waits for the peer's close.
 struct RawPeer {
     explicit RawPeer(int32_t mode)
         : port(mode == RPC_MODE_CLIENT ? listener.port() : free_port()), h(mode) {
-        use_tcp(h, port);
+        RPCSetTransportOpts(h, 1, "127.0.0.1", std::to_string(port).c_str(), 0, 0, 0, 0, 0);
+        RPCSetLowLTransportOpts(h, 2, RPC_LOWL_ATTEMPTS, "5", RPC_LOWL_RCVTIMEO, "10");
     }
     ~RawPeer() { hang_up(); }
-    // The library end's connect_async, then the raw end's accept or connect.
+    // RPCConnect(h, 3, 1, "abc") on a thread of its own, then the raw end's
+    // accept or connect.
     std::future<int32_t> start() {
-        std::future<int32_t> pending = connect_async(h);
+        std::future<int32_t> pending =
+            std::async(std::launch::async, [h = h.h] { return RPCConnect(h, 3, 1, "abc"); });
         fd = h->mode == RPC_MODE_CLIENT ? listener.accept_one() : connect_loopback_retry(port);
         return pending;
     }
@@ -80,6 +72,9 @@ inline std::string report(HRPC h) {
     RPCReportError(h, &text);
     return text ? text : "<null>";
 }
+
+// `text` with its terminating zero, as texts travel in negotiation.
+inline std::string z(std::string_view text) { return std::string(text) + '\0'; }
 
 // "alpha" (int32 in "count", mem out unnamed of 64, handle in "h"), "beta"
 // (none), "gamma" (int16 in/out named "", SQLLEN array in "lens" of 80), then
