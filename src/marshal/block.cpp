@@ -172,32 +172,32 @@ void RPCPushInt64Array(HRPC h, const char *name, RPCMemDesc desc) {
     push_int_array(h, name, desc, "pushing int64-array %s: elements=%d, mem=%p\n", 8);
 }
 
-void RPCPushSqlLenArray(HRPC h, const char *name, RPCMemDesc desc) {
+namespace {
+
+// SQLLEN and SQLULEN arrays differ only in how an element is narrowed for a
+// 4-byte peer (saturating from above only, or unsigned) and in their trace word.
+void push_length_array(HRPC h, const char *name, const RPCMemDesc &desc,
+                       const char *trace_format, bool is_signed) {
     const int32_t length = payload_length(desc, false);
     const bool narrow = has_flag(h, kPeerSqlLen4);
     if (tracing(h)) {
-        LogTrcMsgStr("pushing sqllen-array %s: elements=%d, mem=%p\n", label(name),
-                     narrow ? length >> 3 : length / 8, desc.value);
+        LogTrcMsgStr(trace_format, label(name), narrow ? length >> 3 : length / 8, desc.value);
     }
     if (narrow) {
-        send_narrowed(h, name, desc, length, true);
+        send_narrowed(h, name, desc, length, is_signed);
     } else {
         send_array(h, name, desc, length, 8);
     }
 }
 
+}  // namespace
+
+void RPCPushSqlLenArray(HRPC h, const char *name, RPCMemDesc desc) {
+    push_length_array(h, name, desc, "pushing sqllen-array %s: elements=%d, mem=%p\n", true);
+}
+
 void RPCPushSqlULenArray(HRPC h, const char *name, RPCMemDesc desc) {
-    const int32_t length = payload_length(desc, false);
-    const bool narrow = has_flag(h, kPeerSqlLen4);
-    if (tracing(h)) {
-        LogTrcMsgStr("pushing sqlulen-array %s: elements=%d, mem=%p\n", label(name),
-                     narrow ? length >> 3 : length / 8, desc.value);
-    }
-    if (narrow) {
-        send_narrowed(h, name, desc, length, false);
-    } else {
-        send_array(h, name, desc, length, 8);
-    }
+    push_length_array(h, name, desc, "pushing sqlulen-array %s: elements=%d, mem=%p\n", false);
 }
 
 void RPCPopMem(HRPC h, int32_t wire_length, int32_t length, void *dest, const char *name) {

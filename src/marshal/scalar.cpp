@@ -128,36 +128,35 @@ void RPCPopInt64(HRPC h, int64_t *dest, const char *name) {
     if (tracing(h)) LogTrcMsgStr("popped int64 %s %ld\n", label(name), static_cast<long>(*dest));
 }
 
-// From a 4-byte peer the trace line is written before the widened value is
-// stored, so it shows the destination's previous content; existing trace
-// readers expect exactly that.
-void RPCPopSqlLen(HRPC h, int64_t *dest, const char *name) {
+namespace {
+
+// SQLLEN and SQLULEN pops differ only in signedness and in the word of their
+// 8-byte trace line. From a 4-byte peer the line is written before the
+// widened value is stored, so it shows the destination's previous content,
+// and always says "sqllen"; existing trace readers expect exactly that.
+template <typename Wide, typename Narrow>
+void pop_length(HRPC h, Wide *dest, const char *name, const char *wide_format) {
     if (has_flag(h, kPeerSqlLen4)) {
-        const auto value = pop_scalar<int32_t>(h);
+        const auto value = pop_scalar<Narrow>(h);
         if (dest == nullptr) return;
         if (tracing(h)) LogTrcMsgStr("popped sqllen %s %ld\n", label(name), static_cast<long>(*dest));
-        *dest = value;  // sign extension
+        *dest = value;  // sign or zero extension, as Narrow is signed or not
         return;
     }
-    const auto value = pop_scalar<int64_t>(h);
+    const auto value = pop_scalar<Wide>(h);
     if (dest == nullptr) return;
     *dest = value;
-    if (tracing(h)) LogTrcMsgStr("popped sqllen %s %ld\n", label(name), static_cast<long>(*dest));
+    if (tracing(h)) LogTrcMsgStr(wide_format, label(name), static_cast<long>(*dest));
 }
 
-// As RPCPopSqlLen; from a 4-byte peer the line also carries the "sqllen" word.
+}  // namespace
+
+void RPCPopSqlLen(HRPC h, int64_t *dest, const char *name) {
+    pop_length<int64_t, int32_t>(h, dest, name, "popped sqllen %s %ld\n");
+}
+
 void RPCPopSqlULen(HRPC h, uint64_t *dest, const char *name) {
-    if (has_flag(h, kPeerSqlLen4)) {
-        const auto value = pop_scalar<uint32_t>(h);
-        if (dest == nullptr) return;
-        if (tracing(h)) LogTrcMsgStr("popped sqllen %s %ld\n", label(name), static_cast<long>(*dest));
-        *dest = value;  // zero extension
-        return;
-    }
-    const auto value = pop_scalar<uint64_t>(h);
-    if (dest == nullptr) return;
-    *dest = value;
-    if (tracing(h)) LogTrcMsgStr("popped sqlulen %s %ld\n", label(name), static_cast<long>(*dest));
+    pop_length<uint64_t, uint32_t>(h, dest, name, "popped sqlulen %s %ld\n");
 }
 
 }  // namespace zrpc
