@@ -1,5 +1,6 @@
 // Transport options, connect and disconnect between two ends of the library.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "core/session.h"
@@ -94,6 +95,40 @@ TEST(Connect, SessionOverSocketPairWithTtyServer) {
     run_sessions(server, client);
     dup2(saved_stdin, 0);
     close(saved_stdin);
+}
+
+// Two processes: a forked server accepts five sessions in turn on one handle
+// while this process connects and disconnects five times on another.
+TEST(Connect, TwoProcessesReconnectRepeatedly) {
+    constexpr int kSessions = 5;
+    const std::string port = std::to_string(free_port());
+    const pid_t server = fork();
+    ASSERT_GE(server, 0);
+    if (server == 0) {
+        HRPC h = RPCAllocHandle();
+        RPCInitialise(h, RPC_MODE_SERVER, 0);
+        RPCExport(h, sample_table());
+        RPCSetTransportOpts(h, 1, nullptr, port.c_str(), 0, 0, 0, 0, 0);
+        RPCSetLowLTransportOpts(h, 1, RPC_LOWL_RCVTIMEO, "10");
+        int connected = 0;
+        for (int i = 0; i < kSessions; ++i) {
+            connected += RPCConnect(h, 3, 1, "abc") == 0;
+            RPCDisconnect(h);
+        }
+        _exit(connected == kSessions ? 0 : 1);
+    }
+    TestHandle client(RPC_MODE_CLIENT);
+    RPCSetTransportOpts(client, 1, "127.0.0.1", port.c_str(), 0, 0, 0, 0, 0);
+    RPCSetLowLTransportOpts(client, 2, RPC_LOWL_ATTEMPTS, "20", RPC_LOWL_RCVTIMEO, "10");
+    for (int i = 0; i < kSessions; ++i) {
+        ASSERT_EQ(RPCConnect(client, 3, 1, "abc"), 0) << i << ": " << report(client);
+        EXPECT_TRUE(RPCFuncExists(client, "gamma"));
+        EXPECT_EQ(RPCDisconnect(client), 0);
+    }
+    int status = -1;
+    for (int waited = 0; waited < 1000 && waitpid(server, &status, WNOHANG) == 0; ++waited)
+        usleep(10000);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "server status " << status;
 }
 
 }  // namespace
