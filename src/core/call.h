@@ -2,10 +2,14 @@
 // loop (run*.cpp): parameter classes and the per-call phases.
 #pragma once
 
+#include <climits>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "core/handle.h"
+#include "marshal/block.h"
+#include "marshal/frame.h"
 
 namespace zrpc {
 
@@ -44,6 +48,37 @@ template <typename T>
 void slot_set(RPCParam &e, T v) {
     e.value = nullptr;
     std::memcpy(&e.value, &v, sizeof v);
+}
+
+// A received block's header: its size, then its size on the wire when it
+// travels compressed (otherwise the two are equal).
+struct BlockSize {
+    int32_t size;
+    int32_t wire;
+};
+inline BlockSize pop_block_size(HRPC h, const char *name) {
+    BlockSize b{};
+    RPCPopInt32(h, &b.size, name);
+    b.wire = b.size;
+    if (compresses(h, b.size)) RPCPopInt32(h, &b.wire, name);
+    return b;
+}
+
+// Reads the payload of a block (`wire` bytes on the wire) into `dest`, which
+// holds `dest_size` bytes.
+inline void pop_payload(HRPC h, const RPCParam &e, int32_t wire, int32_t dest_size, void *dest) {
+    if (e.flags & kArrayMask)
+        RPCPopArray(h, wire, dest_size, dest, e.flags, e.name);
+    else
+        RPCPopMem(h, wire, dest_size, dest, e.name);
+}
+
+// A block buffer of `bytes` (malloc; freed with free). Fails with RPC_NOMEM
+// above INT32_MAX bytes or when memory is short.
+inline void *allocate_block(int64_t bytes) {
+    void *p = bytes <= INT32_MAX ? std::malloc(static_cast<std::size_t>(bytes)) : nullptr;
+    if (p == nullptr) fail(RPC_NOMEM);
+    return p;
 }
 
 // One 8-byte variable argument per parameter entry, collected up front so

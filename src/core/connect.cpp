@@ -104,10 +104,11 @@ int32_t RPCSetTransportOpts(HRPC h, int32_t transport, const char *opt1, const c
 
     h->transport_index = transport;
     const char *texts[7] = {opt1, opt2, opt3, opt4, opt5, opt6, opt7};
+    // Every slot is replaced, so nothing left by an earlier failed call
+    // survives into these options.
     for (int i = 0; i < 7; ++i) {
-        if (!texts[i]) continue;
-        h->transport_opts[i] = strdup(texts[i]);
-        if (!h->transport_opts[i]) return set_error(h, RPC_NOMEM);
+        replace_option(h->transport_opts[i], texts[i]);
+        if (texts[i] && !h->transport_opts[i]) return set_error(h, RPC_NOMEM);
     }
     h->state = RPC_STATE_OPTIONS_SET;
     return 0;
@@ -170,9 +171,6 @@ int32_t RPCConnect(HRPC h, int32_t version1, int32_t version2, const char *uid) 
             const char *text = nullptr;
             NETError(nullptr, h->conn, &text);
             set_error_text(h, text);
-            h->error_code = RPC_ETEXT;
-        } else {
-            h->error_code = RPC_NOMEM;
         }
         RPCDisconnect(h);
         // Always 9: its text is the driver's, kept above as the error text.

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdarg>
 #include <mutex>
-#include <new>
 #include <type_traits>
 
 #include "core/call.h"
@@ -126,7 +125,7 @@ int32_t exchange(HRPC h, RPCFuncDesc *fd, const CallArgs &args) {
     } catch (const RpcError &e) {
         store_code(h, e.code);
         return e.code;
-    } catch (const std::bad_alloc &) {
+    } catch (...) {  // std::bad_alloc and anything unforeseen, as guarded() does
         store_code(h, RPC_NOMEM);
         return RPC_NOMEM;
     }

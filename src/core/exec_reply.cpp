@@ -3,7 +3,6 @@
 // Walks the descriptor again and pops every RPC_OUT parameter into the
 // caller's variables. Blocks land in the caller's buffer when it has one of
 // sufficient size, or in a buffer allocated here (malloc; the caller frees).
-#include <climits>
 #include <cstdlib>
 #include <memory>
 
@@ -25,24 +24,12 @@ T *out_arg(uint64_t word) {
     return reinterpret_cast<T *>(static_cast<uintptr_t>(word));
 }
 
-// Reads the payload of a block whose header announced `size` bytes (`wire`
-// on the wire) into `dest`, which holds `dest_size` bytes.
-void pop_payload(HRPC h, const RPCParam &e, int32_t wire, int32_t dest_size, void *dest) {
-    if (e.flags & kArrayMask)
-        RPCPopArray(h, wire, dest_size, dest, e.flags, e.name);
-    else
-        RPCPopMem(h, wire, dest_size, dest, e.name);
-}
-
 // One output block. `e` is the descriptor's entry: for an output-only block
 // the push phase stored the caller's capacity and buffer in it; for an in-out
 // block it holds the imported length (normally 0, so a buffer is allocated).
 void pop_block(HRPC h, const RPCParam &e, RPCParam *caller) {
     RPCParam work = e;
-    int32_t size = 0;
-    RPCPopInt32(h, &size, e.name);
-    int32_t wire = size;
-    if (compresses(h, size)) RPCPopInt32(h, &wire, e.name);
+    const auto [size, wire] = pop_block_size(h, e.name);
 
     if (size < 1) {  // a null or empty block: only its size comes back
         work.length = size;
@@ -57,9 +44,7 @@ void pop_block(HRPC h, const RPCParam &e, RPCParam *caller) {
         // No buffer from the caller: allocate one, widened for 4-byte SQLLEN
         // elements, and report its full size.
         const int64_t bytes = doubled ? 2 * int64_t{size} : size;
-        if (bytes > INT32_MAX) fail(RPC_NOMEM);
-        fresh.reset(std::malloc(static_cast<std::size_t>(bytes)));
-        if (!fresh) fail(RPC_NOMEM);
+        fresh.reset(allocate_block(bytes));
         pop_payload(h, e, wire, static_cast<int32_t>(bytes), fresh.get());
         work.length = static_cast<int32_t>(bytes);
         work.value = fresh.get();

@@ -17,15 +17,11 @@ namespace {
 // initialise and terminate handles from one thread at a time.
 int32_t NetLoadCalled = 0;
 
+// Every option text, option 4 (which FreeTransport keeps) included.
 void free_options(rpc_handle *h) {
-    for (char *&opt : h->transport_opts) {
-        std::free(opt);
-        opt = nullptr;
-    }
-    for (char *&opt : h->lowl_opts) {
-        std::free(opt);
-        opt = nullptr;
-    }
+    FreeTransport(h);
+    std::free(h->lowl_opts[RPC_LOWL_ATTEMPTS - 1]);
+    h->lowl_opts[RPC_LOWL_ATTEMPTS - 1] = nullptr;
 }
 
 }  // namespace

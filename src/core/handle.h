@@ -116,7 +116,6 @@ struct rpc_handle {
     uint64_t private_flags;
 
     // --- compression areas (no allocation on the hot path)
-    bool lzo_ready;
     uint8_t compress_out[zrpc::kCompressOutSize];
     uint8_t decompress_in[zrpc::kDecompressInSize];
     alignas(16) uint8_t lzo_work[LZO1X_1_MEM_COMPRESS];

@@ -53,16 +53,14 @@ void write_error_log(HRPC h, const char *param_area, const char *version_area) {
     std::FILE *log = std::fopen(kErrorLogPath, "w");
     if (!log) return;
     const PeerParam *p = h->peer_params;
-    if (p && p->number != 0) {
-        for (; p && p->number != 0; p = p->next) {
-            std::fprintf(log, "Parameter Number: %d\n", p->number);
-            std::fprintf(log, "Parameter Value: %s\n", p->value ? p->value : "<NULL>");
-            if (!p->value) continue;
-            std::fputs("\t", log);
-            for (const char *c = p->value; *c; ++c)
-                std::fprintf(log, "0x%x,", static_cast<unsigned char>(*c));
-            std::fputs("\n", log);
-        }
+    for (; p && p->number != 0; p = p->next) {
+        std::fprintf(log, "Parameter Number: %d\n", p->number);
+        std::fprintf(log, "Parameter Value: %s\n", p->value ? p->value : "<NULL>");
+        if (!p->value) continue;
+        std::fputs("\t", log);
+        for (const char *c = p->value; *c; ++c)
+            std::fprintf(log, "0x%x,", static_cast<unsigned char>(*c));
+        std::fputs("\n", log);
     }
     if (p && p->next) std::fputs("WARNING: PARAM_END found with next ptr\n", log);
     std::fputs("param buffer:\n", log);

@@ -6,7 +6,6 @@
 // loop ends only on failure, always returning 1 with the code in the handle.
 #include <climits>
 #include <cstdlib>
-#include <new>
 
 #include "core/call.h"
 #include "core/dispatch.h"
@@ -18,12 +17,6 @@
 
 namespace zrpc {
 namespace {
-
-void *allocate(int64_t bytes) {
-    void *p = bytes <= INT32_MAX ? std::malloc(static_cast<std::size_t>(bytes)) : nullptr;
-    if (p == nullptr) fail(RPC_NOMEM);
-    return p;
-}
 
 void pop_variants(HRPC h, RPCParam &e) {
     RPCVariant *elements = nullptr;
@@ -37,10 +30,7 @@ void pop_variants(HRPC h, RPCParam &e) {
 // is owned by the entry from the moment it exists, so a failure part-way
 // still finds it for release.
 void pop_input_block(HRPC h, RPCParam &e) {
-    int32_t size = 0;
-    RPCPopInt32(h, &size, e.name);
-    int32_t wire = size;
-    if (compresses(h, size)) RPCPopInt32(h, &wire, e.name);
+    const auto [size, wire] = pop_block_size(h, e.name);
     e.length = size;
     if (size < 1) {
         e.value = nullptr;
@@ -49,11 +39,8 @@ void pop_input_block(HRPC h, RPCParam &e) {
     // SQLLEN arrays from a 4-byte peer are widened into twice the wire size;
     // `length` keeps the size received.
     const int64_t bytes = doubled_sqllen_array(h, e.flags) ? 2 * int64_t{size} : size;
-    e.value = allocate(bytes);
-    if (e.flags & kArrayMask)
-        RPCPopArray(h, wire, static_cast<int32_t>(bytes), e.value, e.flags, e.name);
-    else
-        RPCPopMem(h, wire, static_cast<int32_t>(bytes), e.value, e.name);
+    e.value = allocate_block(bytes);
+    pop_payload(h, e, wire, static_cast<int32_t>(bytes), e.value);
 }
 
 // An output-only block: the client announced its capacity; the function gets
@@ -69,7 +56,7 @@ void pop_capacity(HRPC h, RPCParam &e) {
         if (bytes > INT32_MAX) fail(RPC_NOMEM);
         e.length = static_cast<int32_t>(bytes);
     }
-    e.value = allocate(bytes);
+    e.value = allocate_block(bytes);
 }
 
 // Pops one scalar and keeps it in the entry's value word.
@@ -148,7 +135,7 @@ extern "C" ZEPHRPC_API int32_t RPCRun(HRPC h) {
             continue;
         } catch (const RpcError &e) {
             code = e.code;
-        } catch (const std::bad_alloc &) {
+        } catch (...) {  // std::bad_alloc and anything unforeseen, as guarded() does
             code = RPC_NOMEM;
         }
         // Do not leave this call's buffers behind in the slots (releasing is

@@ -86,7 +86,6 @@ int32_t import_parameters(RPCFuncDesc *desc, char **cursor, const char *last) {
             param.name = strdup(name);
             if (!param.name) return RPC_NOMEM;
         }
-        desc->params[i + 1].flags = 0;
     }
 }
 
