@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 #include <vector>
 
 #include "core/log.h"
@@ -17,8 +16,6 @@ namespace {
 
 constexpr uint32_t kSignedSqlLenArray = RPC_SQLLEN_ARRAY;
 constexpr uint32_t kSqlLenArrays = RPC_SQLLEN_ARRAY | RPC_SQLULEN_ARRAY;
-
-bool tracing(const rpc_handle *h) { return has_flag(h, kTraceValues); }
 
 // Byte length of a descriptor's payload. -3 marks a NUL-terminated string; a
 // null buffer has nothing to send, whatever length it claims.
@@ -63,27 +60,13 @@ void send_array(HRPC h, const char *name, const RPCMemDesc &desc, int32_t length
 
 // SQLLEN/SQLULEN arrays towards a 4-byte peer: the header carries the 4-byte
 // wire length W = L / 2, but the payload is the first W bytes of the caller's
-// array as it stands. Peers in the field expect exactly these bytes, so the
-// narrowed copy is built and then dropped rather than sent.
-void send_narrowed(HRPC h, const char *name, const RPCMemDesc &desc, int32_t length,
-                   bool is_signed) {
-    const int32_t elements = length >> 3;
+// array as it stands, unnarrowed; peers in the field expect exactly these
+// bytes. Fewer than one whole element sends the header alone.
+void send_narrowed(HRPC h, const char *name, const RPCMemDesc &desc, int32_t length) {
     const int32_t wire = length / 2;
-    if (elements < 1) {
+    if ((length >> 3) < 1) {
         RPCPushInt32(h, wire, name);
         return;
-    }
-    std::vector<uint32_t> narrowed(static_cast<std::size_t>(elements));
-    const auto *values = static_cast<const uint8_t *>(desc.value);
-    for (std::size_t i = 0; i < narrowed.size(); ++i) {
-        uint64_t raw;
-        std::memcpy(&raw, values + i * 8, 8);
-        const uint64_t ceiling = is_signed ? std::numeric_limits<int32_t>::max()
-                                           : std::numeric_limits<uint32_t>::max();
-        const bool above = is_signed ? static_cast<int64_t>(raw) > static_cast<int64_t>(ceiling)
-                                     : raw > ceiling;
-        narrowed[i] = static_cast<uint32_t>(above ? ceiling : raw);
-        ByteSwap(&narrowed[i], 4);
     }
     send_bulk(h, name, desc.value, wire);
 }
@@ -116,8 +99,8 @@ int32_t read_payload(HRPC h, bool packed, int32_t wire, uint8_t *target, int32_t
         if (wire < 0 || static_cast<uint32_t>(wire) > kDecompressInSize) fail(RPC_DECOMP);
         read_bulk(h, h->decompress_in, wire, on_chunk);
         if (target == nullptr) return 0;
-        return static_cast<int32_t>(inflate_payload(h, static_cast<uint32_t>(wire), target,
-                                                    static_cast<uint32_t>(capacity)));
+        return static_cast<int32_t>(decompress_buffer(h, static_cast<uint32_t>(wire), target,
+                                                      static_cast<uint32_t>(capacity)));
     }
     if (wire > capacity) fail(RPC_TRUNC);
     read_bulk(h, target, wire, on_chunk);
@@ -174,17 +157,16 @@ void RPCPushInt64Array(HRPC h, const char *name, RPCMemDesc desc) {
 
 namespace {
 
-// SQLLEN and SQLULEN arrays differ only in how an element is narrowed for a
-// 4-byte peer (saturating from above only, or unsigned) and in their trace word.
+// SQLLEN and SQLULEN arrays differ only in their trace word.
 void push_length_array(HRPC h, const char *name, const RPCMemDesc &desc,
-                       const char *trace_format, bool is_signed) {
+                       const char *trace_format) {
     const int32_t length = payload_length(desc, false);
     const bool narrow = has_flag(h, kPeerSqlLen4);
     if (tracing(h)) {
         LogTrcMsgStr(trace_format, label(name), narrow ? length >> 3 : length / 8, desc.value);
     }
     if (narrow) {
-        send_narrowed(h, name, desc, length, is_signed);
+        send_narrowed(h, name, desc, length);
     } else {
         send_array(h, name, desc, length, 8);
     }
@@ -193,11 +175,11 @@ void push_length_array(HRPC h, const char *name, const RPCMemDesc &desc,
 }  // namespace
 
 void RPCPushSqlLenArray(HRPC h, const char *name, RPCMemDesc desc) {
-    push_length_array(h, name, desc, "pushing sqllen-array %s: elements=%d, mem=%p\n", true);
+    push_length_array(h, name, desc, "pushing sqllen-array %s: elements=%d, mem=%p\n");
 }
 
 void RPCPushSqlULenArray(HRPC h, const char *name, RPCMemDesc desc) {
-    push_length_array(h, name, desc, "pushing sqlulen-array %s: elements=%d, mem=%p\n", false);
+    push_length_array(h, name, desc, "pushing sqlulen-array %s: elements=%d, mem=%p\n");
 }
 
 void RPCPopMem(HRPC h, int32_t wire_length, int32_t length, void *dest, const char *name) {

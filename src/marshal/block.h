@@ -30,13 +30,10 @@ void RPCPopArray(HRPC h, int32_t wire_length, int32_t dest_length, void *dest,
 void write_buf(HRPC h, const void *bytes, int64_t count);
 // Returns the compressed length, or 0 when LZO cannot be initialised.
 uint32_t compress_buffer(HRPC h, const void *bytes, uint32_t length, void *output);
-// Returns the decompressed length, or 0 on any failure.
-uint32_t decompress_buffer(HRPC h, const void *input, uint32_t length, void *output,
-                           uint32_t limit);
 // Decompresses the first `length` bytes of the handle's decompression area
 // into dest and returns the result's length. Fails with 18 when the result
 // would exceed dest_len, with 25 when the bytes do not decompress to at least
 // one byte.
-uint32_t inflate_payload(HRPC h, uint32_t length, void *dest, uint32_t dest_len);
+uint32_t decompress_buffer(HRPC h, uint32_t length, void *dest, uint32_t dest_len);
 
 }  // namespace zrpc

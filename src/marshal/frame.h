@@ -52,6 +52,9 @@ void put_out(HRPC h, const void *bytes, uint32_t n);
 // Fails with 17 when a freshly fetched frame is shorter than `n`.
 const uint8_t *take_in(HRPC h, uint32_t n);
 
+// True when pushed and popped values are traced.
+inline bool tracing(const rpc_handle *h) { return has_flag(h, kTraceValues); }
+
 // A parameter name as trace lines print it (names may be null on a server).
 inline const char *label(const char *name) { return name != nullptr ? name : "(null)"; }
 

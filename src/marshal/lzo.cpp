@@ -11,9 +11,8 @@ namespace zrpc {
 namespace {
 
 // LZO is initialised once per process; the result is checked before use.
-bool lzo_ready(HRPC h) {
+bool lzo_ready() {
     static const bool ready = lzo_init() == LZO_E_OK;
-    h->lzo_ready = ready;
     return ready;
 }
 
@@ -27,7 +26,7 @@ bool compresses(HRPC h, int64_t length) {
 // REQUIRES: output holds kCompressOutSize bytes. Longer inputs than the
 // compression range are refused (0) because the output area is sized for it.
 uint32_t compress_buffer(HRPC h, const void *bytes, uint32_t length, void *output) {
-    if (!lzo_ready(h) || length > kCompressMax) return 0;
+    if (!lzo_ready() || length > kCompressMax) return 0;
     lzo_uint out_len = 0;
     const int rc = lzo1x_1_compress(static_cast<const lzo_bytep>(bytes), length,
                                     static_cast<lzo_bytep>(output), &out_len, h->lzo_work);
@@ -35,18 +34,8 @@ uint32_t compress_buffer(HRPC h, const void *bytes, uint32_t length, void *outpu
     return static_cast<uint32_t>(out_len);
 }
 
-uint32_t decompress_buffer(HRPC h, const void *input, uint32_t length, void *output,
-                           uint32_t limit) {
-    if (!lzo_ready(h)) return 0;
-    lzo_uint out_len = limit;
-    const int rc = lzo1x_decompress_safe(static_cast<const lzo_bytep>(input), length,
-                                         static_cast<lzo_bytep>(output), &out_len, nullptr);
-    if (rc != LZO_E_OK) return 0;
-    return static_cast<uint32_t>(out_len);
-}
-
-uint32_t inflate_payload(HRPC h, uint32_t length, void *dest, uint32_t dest_len) {
-    if (!lzo_ready(h)) fail(RPC_DECOMP);
+uint32_t decompress_buffer(HRPC h, uint32_t length, void *dest, uint32_t dest_len) {
+    if (!lzo_ready()) fail(RPC_DECOMP);
     lzo_uint out_len = dest_len;
     const int rc = lzo1x_decompress_safe(h->decompress_in, length, static_cast<lzo_bytep>(dest),
                                          &out_len, nullptr);

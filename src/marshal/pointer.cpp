@@ -28,8 +28,6 @@ static_assert(sizeof(PtrEntry) == sizeof(PtrNode));
 constexpr int32_t kServer = 0;
 constexpr int32_t kClient = 1;
 
-bool tracing(const rpc_handle *h) { return has_flag(h, kTraceValues); }
-
 // Bytes of the 32-bit index that travel: the peer's pointer size, which must
 // lie within the index.
 uint32_t index_width(const rpc_handle *h) {

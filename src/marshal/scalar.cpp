@@ -38,8 +38,6 @@ T pop_scalar(HRPC h) {
     return value;
 }
 
-bool tracing(const rpc_handle *h) { return has_flag(h, kTraceValues); }
-
 // Saturating narrowing for a 4-byte SQLLEN peer.
 int32_t narrow_sqllen(int64_t value) {
     return static_cast<int32_t>(std::clamp<int64_t>(value, std::numeric_limits<int32_t>::min(),

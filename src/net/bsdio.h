@@ -11,7 +11,6 @@ namespace zrpc {
 
 constexpr std::size_t kBsdMessageSize = 5632;
 constexpr std::size_t kPacketBufferSize = 5120;  // header plus the largest payload
-constexpr uint32_t kErrorNotice = 0xFFFFFFFFu;   // header announcing a peer's error text
 
 struct BsdConnection {
     int32_t socket;
@@ -40,7 +39,6 @@ int32_t set_sndrcv_timeo(BsdConnection &c, int receive_seconds, int send_seconds
 bool is_ipaddress(const char *text);
 // Reads exactly `length` bytes; -1 with errno 0 on end of stream.
 int safe_recv(int socket, void *buffer, std::size_t length);
-void xstrerror_r(int error_number, char *buffer, std::size_t size);
 
 // Replaces the connection's message (printf format, cut to fit).
 void set_message(BsdConnection &c, const char *format, ...) __attribute__((format(printf, 2, 3)));

@@ -18,7 +18,6 @@ namespace zrpc {
 namespace {
 
 constexpr std::size_t kMaxPayload = kPacketBufferSize - 4;
-constexpr std::size_t kNoticeSize = 512;
 constexpr std::size_t kSampleSize = 255;
 constexpr int kSampleWaitMs = 500;
 
@@ -34,28 +33,6 @@ std::size_t cut_printable(char *text, std::size_t length) {
     return i;
 }
 
-// While alive, readiness and plain reads report whatever has arrived instead
-// of waiting for the socket's low-water mark.
-class AnyAmount {
-public:
-    explicit AnyAmount(int fd) : fd_(fd) {
-        socklen_t len = sizeof saved_;
-        saved_ok_ = getsockopt(fd_, SOL_SOCKET, SO_RCVLOWAT, &saved_, &len) == 0;
-        int one = 1;
-        (void)setsockopt(fd_, SOL_SOCKET, SO_RCVLOWAT, &one, sizeof one);
-    }
-    ~AnyAmount() {
-        if (saved_ok_) (void)setsockopt(fd_, SOL_SOCKET, SO_RCVLOWAT, &saved_, sizeof saved_);
-    }
-    AnyAmount(const AnyAmount &) = delete;
-    AnyAmount &operator=(const AnyAmount &) = delete;
-
-private:
-    int fd_;
-    int saved_ = 1;
-    bool saved_ok_ = false;
-};
-
 bool wait_readable(int fd, int timeout_ms) {
     pollfd p{fd, POLLIN, 0};
     return poll(&p, 1, timeout_ms) > 0;
@@ -64,7 +41,6 @@ bool wait_readable(int fd, int timeout_ms) {
 // What an oversized header and the bytes behind it look like, for the failure
 // text. Consumes at most the sample's room from the stream.
 void gather_sample(int fd, const uint8_t header[4], uint32_t buffer_size, char (&sample)[kSampleSize + 1]) {
-    AnyAmount any(fd);
     std::memcpy(sample, header, 4);
     std::size_t length = cut_printable(sample, 4);
     std::size_t consumed = 4;
@@ -80,11 +56,9 @@ void gather_sample(int fd, const uint8_t header[4], uint32_t buffer_size, char (
 // The peer announced a failure: its text becomes our message and the
 // connection ends here.
 int32_t take_error_notice(BsdConnection &c, uint32_t *length) {
-    ssize_t n;
-    {
-        AnyAmount any(c.socket);  // a short text must not wait for the low-water mark
-        n = recv(c.socket, c.message, kNoticeSize, 0);
-    }
+    // The receive low-water mark is never above one byte, so a short text
+    // arrives without waiting for more.
+    ssize_t n = recv(c.socket, c.message, kNoticeSize, 0);
     c.message[n > 0 ? n : 0] = '\0';  // the peer's text need not carry its terminator
     *length = static_cast<uint32_t>(n);
     shutdown(c.socket, SHUT_WR);
@@ -118,7 +92,6 @@ int safe_recv(int socket, void *buffer, std::size_t length) {
             return static_cast<int>(n);
         }
         if (n == 0) {
-            if (errno == EAGAIN) continue;
             errno = 0;
             return -1;  // end of stream
         }

@@ -3,9 +3,13 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 
 namespace zrpc {
+
+constexpr uint32_t kErrorNotice = 0xFFFFFFFFu;  // header announcing a peer's error text
+constexpr std::size_t kNoticeSize = 512;        // most of a peer's error text read at once
 
 void xstrerror_r(int error_number, char *buffer, std::size_t size);
 

@@ -22,14 +22,8 @@ int tty_wait_ms = 5000;
 
 namespace {
 
-constexpr uint32_t kErrorNotice = 0xFFFFFFFFu;
 constexpr std::size_t kMaxPayload = sizeof(TtyConnection::packet) - 4;
 constexpr uint64_t kWaitSeconds = 5;  // what one readiness wait counts against the time-out
-constexpr std::size_t kNoticeSize = 512;
-
-std::FILE *efp = nullptr;  // kept for the stream swap; nothing writes to it
-
-void swap_files() { efp = stdout; }
 
 __attribute__((format(printf, 2, 3))) void set_message(TtyConnection &c, const char *format, ...) {
     va_list args;
@@ -93,7 +87,6 @@ int32_t TTYdisc(void *conn) {
 int32_t TTYsend(void *conn, const void *data, uint32_t length) {
     auto &c = *static_cast<TtyConnection *>(conn);
     c.message[0] = '\0';
-    if (efp == nullptr) swap_files();
     if (length > kMaxPayload) {
         set_message(c, "Failed to write data \npacket (size=%u) too big for buffer (size=%u)\n",
                     length, static_cast<unsigned>(kMaxPayload));
