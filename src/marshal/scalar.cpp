@@ -38,6 +38,16 @@ T pop_scalar(HRPC h) {
     return value;
 }
 
+// Pops a value into dest (when given) and traces what was stored, printed as
+// `Printed` so the format's %d or %ld gets the argument type it names.
+template <typename T, typename Printed>
+void pop_traced(HRPC h, T *dest, const char *name, const char *format) {
+    const auto value = pop_scalar<T>(h);
+    if (dest == nullptr) return;
+    *dest = value;
+    if (tracing(h)) LogTrcMsgStr(format, label(name), static_cast<Printed>(*dest));
+}
+
 // Saturating narrowing for a 4-byte SQLLEN peer.
 int32_t narrow_sqllen(int64_t value) {
     return static_cast<int32_t>(std::clamp<int64_t>(value, std::numeric_limits<int32_t>::min(),
@@ -99,31 +109,19 @@ void RPCPushSqlULen(HRPC h, uint64_t value, const char *name) {
 }
 
 void RPCPopByte(HRPC h, uint8_t *dest, const char *name) {
-    const auto value = pop_scalar<uint8_t>(h);
-    if (dest == nullptr) return;
-    *dest = value;
-    if (tracing(h)) LogTrcMsgStr("popped byte %s %d\n", label(name), *dest);
+    pop_traced<uint8_t, int>(h, dest, name, "popped byte %s %d\n");
 }
 
 void RPCPopInt16(HRPC h, int16_t *dest, const char *name) {
-    const auto value = pop_scalar<int16_t>(h);
-    if (dest == nullptr) return;
-    *dest = value;
-    if (tracing(h)) LogTrcMsgStr("popped int16 %s %d\n", label(name), *dest);
+    pop_traced<int16_t, int>(h, dest, name, "popped int16 %s %d\n");
 }
 
 void RPCPopInt32(HRPC h, int32_t *dest, const char *name) {
-    const auto value = pop_scalar<int32_t>(h);
-    if (dest == nullptr) return;
-    *dest = value;
-    if (tracing(h)) LogTrcMsgStr("popped int32 %s %d\n", label(name), *dest);
+    pop_traced<int32_t, int>(h, dest, name, "popped int32 %s %d\n");
 }
 
 void RPCPopInt64(HRPC h, int64_t *dest, const char *name) {
-    const auto value = pop_scalar<int64_t>(h);
-    if (dest == nullptr) return;
-    *dest = value;
-    if (tracing(h)) LogTrcMsgStr("popped int64 %s %ld\n", label(name), static_cast<long>(*dest));
+    pop_traced<int64_t, long>(h, dest, name, "popped int64 %s %ld\n");
 }
 
 namespace {
@@ -141,10 +139,7 @@ void pop_length(HRPC h, Wide *dest, const char *name, const char *wide_format) {
         *dest = value;  // sign or zero extension, as Narrow is signed or not
         return;
     }
-    const auto value = pop_scalar<Wide>(h);
-    if (dest == nullptr) return;
-    *dest = value;
-    if (tracing(h)) LogTrcMsgStr(wide_format, label(name), static_cast<long>(*dest));
+    pop_traced<Wide, long>(h, dest, name, wide_format);
 }
 
 }  // namespace
