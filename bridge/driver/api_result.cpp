@@ -1,0 +1,132 @@
+// Results: column descriptions (from what execute returned), column
+// attributes (asked once per result), fetches into bound columns, SQLGetData.
+#include <cstring>
+
+#include "driver/api.h"
+#include "driver/params.h"
+#include "driver/remote.h"
+#include "protocol/odbc_kinds.h"
+
+namespace zbd {
+namespace {
+
+bool column_in_range(Stmt &s, SQLUSMALLINT column) {
+    return s.has_shape && column >= 1 && column <= s.shape.columns.size();
+}
+
+}  // namespace
+
+SQLRETURN num_result_cols(Stmt &s, SQLSMALLINT *count) {
+    SQLSMALLINT n = s.has_shape && SQL_SUCCEEDED(s.shape.columns_rc) ? s.shape.column_count : 0;
+    if (count != nullptr) *count = n;
+    return SQL_SUCCESS;
+}
+
+SQLRETURN describe_col(Stmt &s, SQLUSMALLINT column, const OutBuf &name, SQLSMALLINT *name_length,
+                       SQLSMALLINT *type, SQLULEN *size, SQLSMALLINT *digits, SQLSMALLINT *nullable) {
+    if (!s.has_shape || s.shape.column_count == 0) return add_diag(s, "07005", "Prepared statement not a cursor-specification");
+    if (!column_in_range(s, column)) return add_diag(s, "07009", "Invalid descriptor index");
+    const zb::ColumnDesc &c = s.shape.columns[column - 1];
+    if (type) *type = c.sql_type;
+    if (size) *size = c.size;
+    if (digits) *digits = c.digits;
+    if (nullable) *nullable = c.nullable;
+    return write_text(s, c.name, name, name_length);
+}
+
+SQLRETURN col_attribute(Stmt &s, SQLUSMALLINT column, SQLUSMALLINT field, const OutBuf &text,
+                        SQLSMALLINT *text_length, SQLLEN *number) {
+    if (field == SQL_DESC_COUNT || field == SQL_COLUMN_COUNT) {
+        SQLSMALLINT n = 0;
+        num_result_cols(s, &n);
+        if (number) *number = n;
+        return SQL_SUCCESS;
+    }
+    const auto key = std::make_pair(static_cast<int>(column), static_cast<int>(field));
+    auto it = s.attributes.find(key);
+    if (it == s.attributes.end()) {
+        zb::Writer w;
+        w.i16(static_cast<int16_t>(column));
+        w.i16(static_cast<int16_t>(field));
+        Reply r = call(*s.dbc, zb::Op::ColAttribute, s.remote, w);
+        CachedAttribute a{r.rc, r.diags, {}, 0};
+        if (SQL_SUCCEEDED(r.rc)) {
+            a.text = r.in.str();
+            a.number = static_cast<SQLLEN>(r.in.i64());
+        }
+        if (!SQL_SUCCEEDED(r.rc)) return adopt(s, r);
+        it = s.attributes.emplace(key, a).first;
+    }
+    const CachedAttribute &a = it->second;
+    s.diag.records = a.diags;
+    if (zb::col_attribute_is_text(field)) {
+        SQLRETURN t = write_text(s, a.text, text, text_length);
+        return t == SQL_SUCCESS ? a.rc : t;
+    }
+    if (number) *number = a.number;
+    return a.rc;
+}
+
+SQLRETURN fetch(Stmt &s, bool scroll, SQLSMALLINT orientation, SQLLEN offset) {
+    if (!s.has_shape || s.shape.column_count == 0) return add_diag(s, "24000", "Invalid cursor state");
+    zb::Writer w;
+    w.u8(scroll);
+    w.i16(orientation);
+    w.i64(offset);
+    const SQLULEN rowset = s.row_array_size;
+    w.u64(rowset);
+    w.u32(static_cast<uint32_t>(s.columns.size()));
+    for (const auto &[column, b] : s.columns) {
+        w.i16(static_cast<int16_t>(column));
+        w.i16(b.c_type);
+        w.i64(b.length);
+    }
+    Reply r = call(*s.dbc, zb::Op::Fetch, s.remote, w);
+    SQLRETURN rc = adopt(s, r);
+    SQLULEN rows = 0;
+    if (rc != SQL_INVALID_HANDLE && !r.in.done()) {
+        rows = r.in.u64();
+        for (SQLULEN i = 0; i < rows; ++i) {
+            int16_t st = r.in.i16();
+            if (s.row_status != nullptr && i < rowset) s.row_status[i] = static_cast<SQLUSMALLINT>(st);
+        }
+        for (const auto &[column, b] : s.columns) {
+            const SQLLEN elem = element_size(b.c_type, b.length);
+            for (SQLULEN i = 0; i < rows; ++i) {
+                SQLLEN ind = static_cast<SQLLEN>(r.in.i64());
+                auto bytes = r.in.bytes();
+                if (i >= rowset) continue;
+                char *data = bound_address(b.data, s.row_bind_offset, s.row_bind_type, elem, i);
+                SQLLEN *ip = bound_indicator(b.indicator, s.row_bind_offset, s.row_bind_type, i);
+                if (data != nullptr && !bytes.empty())
+                    std::memcpy(data, bytes.data(), std::min<size_t>(bytes.size(), static_cast<size_t>(std::max<SQLLEN>(elem, 0))));
+                if (ip != nullptr) *ip = ind;
+            }
+        }
+    }
+    if (s.row_status != nullptr)
+        for (SQLULEN i = rows; i < rowset; ++i) s.row_status[i] = SQL_ROW_NOROW;
+    if (s.rows_fetched != nullptr) *s.rows_fetched = rows;
+    return rc;
+}
+
+SQLRETURN get_data(Stmt &s, SQLUSMALLINT column, SQLSMALLINT c_type, SQLPOINTER data,
+                   SQLLEN length, SQLLEN *indicator) {
+    zb::Writer w;
+    w.i16(static_cast<int16_t>(column));
+    w.i16(c_type);
+    w.i64(data == nullptr ? 0 : length);
+    Reply r = call(*s.dbc, zb::Op::GetData, s.remote, w);
+    SQLRETURN rc = adopt(s, r);
+    if (SQL_SUCCEEDED(rc) && !r.in.done()) {
+        SQLLEN ind = static_cast<SQLLEN>(r.in.i64());
+        auto bytes = r.in.bytes();
+        const SQLLEN room = element_size(c_type, length);
+        if (data != nullptr && !bytes.empty())
+            std::memcpy(data, bytes.data(), std::min<size_t>(bytes.size(), static_cast<size_t>(std::max<SQLLEN>(room, 0))));
+        if (indicator != nullptr) *indicator = ind;
+    }
+    return rc;
+}
+
+}  // namespace zbd

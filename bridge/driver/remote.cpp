@@ -1,0 +1,130 @@
+#include "driver/remote.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+namespace zbd {
+namespace {
+
+// The library's process-wide setup (its driver table) is not guarded: only
+// one thread may initialise or terminate a handle at a time.
+std::mutex g_library_lock;
+
+std::string library_error(HRPC h) {
+    const char *text = nullptr;
+    RPCReportError(h, &text);
+    return text != nullptr ? text : "unknown error";
+}
+
+int32_t bsd_transport(HRPC h) {
+    const char *name = nullptr, *description = nullptr;
+    for (int32_t i = 0; RPCEnumerateTransports(h, i, &name, &description) == 0; ++i)
+        if (name != nullptr && std::strstr(name, "BSD") != nullptr) return i;
+    return -1;
+}
+
+zb::DiagRecord record(const char *sqlstate, const std::string &message) {
+    zb::DiagRecord r;
+    r.sqlstate = sqlstate;
+    r.message = "[zephodbc]" + message;
+    r.class_origin = "ISO 9075";
+    r.subclass_origin = std::strncmp(sqlstate, "08S01", 5) == 0 ? "ODBC 3.0" : "ISO 9075";
+    return r;
+}
+
+}  // namespace
+
+SQLRETURN add_diag(Handle &h, const char *sqlstate, const std::string &message, SQLRETURN rc) {
+    h.diag.records.push_back(record(sqlstate, message));
+    h.diag.rc = rc;
+    return rc;
+}
+
+SQLRETURN open_transport(Dbc &dbc, const std::string &host, const std::string &port) {
+    std::string failure;
+    int32_t code = 0;
+    {
+        std::lock_guard<std::mutex> lock(g_library_lock);
+        dbc.rpc = RPCAllocHandle();
+        if (dbc.rpc == nullptr) return add_diag(dbc, "HY001", "out of memory");
+        if (RPCInitialise(dbc.rpc, RPC_MODE_CLIENT, 0) != 0) failure = library_error(dbc.rpc);
+    }
+    int32_t transport = failure.empty() ? bsd_transport(dbc.rpc) : -1;
+    if (failure.empty() &&
+        (transport < 0 || RPCSetTransportOpts(dbc.rpc, transport, host.c_str(), port.c_str(),
+                                              nullptr, nullptr, nullptr, nullptr, nullptr) != 0))
+        failure = library_error(dbc.rpc);
+    if (failure.empty()) {
+        const std::string timeout = std::to_string(dbc.timeout);
+        if (dbc.timeout > 0)
+            RPCSetLowLTransportOpts(dbc.rpc, 3, RPC_LOWL_ATTEMPTS, "1", RPC_LOWL_RCVTIMEO,
+                                    timeout.c_str(), RPC_LOWL_SNDTIMEO, timeout.c_str());
+        else
+            RPCSetLowLTransportOpts(dbc.rpc, 1, RPC_LOWL_ATTEMPTS, "1");
+        if (RPCConnect(dbc.rpc, zb::kProtocolVersion, zb::kProtocolRevision, zb::kProtocolName) != 0) {
+            const char *text = nullptr;
+            code = RPCReportError(dbc.rpc, &text);
+            failure = text != nullptr ? text : "unknown error";
+        }
+    }
+    if (failure.empty()) return SQL_SUCCESS;
+    close_transport(dbc);
+    if (code == RPC_BADVER || code == RPC_BADUID)
+        return add_diag(dbc, "08001",
+                        "bridge protocol version mismatch: this driver speaks version " +
+                            std::to_string(zb::kProtocolVersion) + "." +
+                            std::to_string(zb::kProtocolRevision) + " (" + failure + ")");
+    return add_diag(dbc, "08001", "cannot reach the bridge server: " + failure);
+}
+
+void close_transport(Dbc &dbc) {
+    if (dbc.rpc == nullptr) return;
+    RPCDisconnect(dbc.rpc);
+    std::lock_guard<std::mutex> lock(g_library_lock);
+    RPCTerminate(dbc.rpc);
+    RPCFreeHandle(dbc.rpc);
+    dbc.rpc = nullptr;
+    dbc.remote = 0;
+}
+
+Reply call(Dbc &dbc, zb::Op op, uint64_t handle, zb::Writer &request) {
+    Reply reply;
+    if (dbc.rpc == nullptr || dbc.broken) {
+        reply.diags.push_back(record("08S01", "the connection to the bridge server was lost"));
+        return reply;
+    }
+    RPCMemDesc in{};
+    in.value = request.data().data();
+    in.length = static_cast<int32_t>(request.size());
+    RPCMemDesc out{};
+    int16_t rc = SQL_ERROR;
+    if (RPCExec(dbc.rpc, zb::op_name(op), reinterpret_cast<void *>(handle), &in, &rc, &out) != 0) {
+        dbc.broken = true;
+        reply.diags.push_back(record("08S01", "communication link failure: " + library_error(dbc.rpc)));
+        return reply;
+    }
+    if (out.value != nullptr && out.length > 0)
+        reply.bytes.assign(static_cast<uint8_t *>(out.value),
+                           static_cast<uint8_t *>(out.value) + out.length);
+    std::free(out.value);
+    reply.rc = rc;
+    try {
+        zb::Reader r(reply.bytes.data(), reply.bytes.size());
+        reply.diags = zb::get_diags(r);
+        reply.in = r;
+    } catch (const zb::DecodeError &) {
+        reply.rc = SQL_ERROR;
+        reply.diags.push_back(record("08S01", "malformed reply from the bridge server"));
+    }
+    return reply;
+}
+
+SQLRETURN adopt(Handle &h, Reply &reply) {
+    for (auto &d : reply.diags) h.diag.records.push_back(std::move(d));
+    reply.diags.clear();
+    h.diag.rc = reply.rc;
+    return reply.rc;
+}
+
+}  // namespace zbd

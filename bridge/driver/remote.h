@@ -1,0 +1,37 @@
+// The driver's side of the wire: opening the library connection and making
+// one bridged call. Transport failures become ODBC diagnostics here and
+// nowhere else.
+#pragma once
+
+#include <string>
+
+#include "driver/handles.h"
+#include "protocol/protocol.h"
+
+namespace zbd {
+
+struct Reply {
+    SQLRETURN rc = SQL_ERROR;
+    std::vector<zb::DiagRecord> diags;
+    std::vector<uint8_t> bytes;
+    zb::Reader in;  // the payload after the diagnostics
+};
+
+// Opens the library connection of dbc to host:port. On failure returns
+// SQL_ERROR with an 08001 record in dbc's diagnostics and leaves dbc closed.
+SQLRETURN open_transport(Dbc &dbc, const std::string &host, const std::string &port);
+void close_transport(Dbc &dbc);
+
+// Calls op on the server for the server-side handle. A transport failure
+// marks dbc broken and yields SQL_ERROR with 08S01. The reply's diagnostics
+// are not yet stored anywhere; see adopt().
+Reply call(Dbc &dbc, zb::Op op, uint64_t handle, zb::Writer &request);
+
+// Stores a reply's diagnostics as the handle's and returns its code.
+SQLRETURN adopt(Handle &h, Reply &reply);
+
+// Adds a diagnostic of the driver's own making.
+SQLRETURN add_diag(Handle &h, const char *sqlstate, const std::string &message,
+                   SQLRETURN rc = SQL_ERROR);
+
+}  // namespace zbd

@@ -1,0 +1,17 @@
+// What kind of value an ODBC information type or attribute carries. Both
+// sides need it: the server to know how much of a target's buffer is value,
+// the driver to apply string rules (truncation, UTF-16) to text only.
+#pragma once
+
+#include <cstdint>
+
+namespace zb {
+
+enum class ValueKind { Text, Int16, Int32, Word /* SQLULEN or pointer-sized */ };
+
+ValueKind info_kind(int info_type);        // SQLGetInfo
+bool col_attribute_is_text(int field);     // SQLColAttribute
+bool connect_attr_is_text(int attribute);  // SQLSet/GetConnectAttr
+int c_type_fixed_size(int c_type);         // 0 for variable-length C types
+
+}  // namespace zb

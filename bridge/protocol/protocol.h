@@ -1,0 +1,71 @@
+// The bridge's wire contract, shared by the driver and the server.
+//
+// Every bridged operation is one library call with the same four parameters:
+// the server-side handle it acts on (a pointer the server issued), a request
+// block, the ODBC return code, and a reply block the server allocates. The
+// blocks hold the operation's own arguments and results in the byte layout of
+// codec.h. Diagnostics of a call that did not simply succeed travel at the
+// head of its reply.
+#pragma once
+
+#include <cstdint>
+
+namespace zb {
+
+// Checked by the library's negotiation: a server of another protocol version
+// refuses the connection (the client sees it as 08001).
+inline constexpr int32_t kProtocolVersion = 1;
+inline constexpr int32_t kProtocolRevision = 0;
+inline constexpr const char *kProtocolName = "zephodbc";
+
+// The operations. Names are what crosses the wire; keep them stable.
+#define ZB_OPERATIONS(X)                                                              \
+    X(Connect, "zb_connect")             /* dbc: target connection string -> dbc */    \
+    X(Disconnect, "zb_disconnect")                                                    \
+    X(SetConnectAttr, "zb_set_connect_attr")                                          \
+    X(GetConnectAttr, "zb_get_connect_attr")                                          \
+    X(GetInfo, "zb_get_info")                                                         \
+    X(EndTran, "zb_end_tran")                                                         \
+    X(NativeSql, "zb_native_sql")                                                     \
+    X(AllocStmt, "zb_alloc_stmt")                                                     \
+    X(FreeStmt, "zb_free_stmt")                                                       \
+    X(SetStmtAttr, "zb_set_stmt_attr")                                                \
+    X(GetStmtAttr, "zb_get_stmt_attr")                                                \
+    X(Prepare, "zb_prepare")                                                          \
+    X(Execute, "zb_execute")             /* prepared or direct, with parameters */    \
+    X(Catalog, "zb_catalog")             /* SQLTables, SQLColumns, ... */              \
+    X(DescribeParam, "zb_describe_param")                                             \
+    X(Fetch, "zb_fetch")                                                              \
+    X(GetData, "zb_get_data")                                                         \
+    X(ColAttribute, "zb_col_attribute")                                               \
+    X(MoreResults, "zb_more_results")                                                 \
+    X(Cancel, "zb_cancel")
+
+enum class Op : int {
+#define ZB_ENUM(id, name) id,
+    ZB_OPERATIONS(ZB_ENUM)
+#undef ZB_ENUM
+        Count
+};
+
+const char *op_name(Op op);
+
+// Catalog functions carried by Op::Catalog.
+enum class CatalogFn : int32_t {
+    Tables = 1,
+    Columns,
+    PrimaryKeys,
+    ForeignKeys,
+    Statistics,
+    SpecialColumns,
+    Procedures,
+    ProcedureColumns,
+    GetTypeInfo,
+    TablePrivileges,
+    ColumnPrivileges,
+};
+
+// Kinds of handle a server issues, so that one kind is never taken for another.
+enum class HandleKind : int32_t { Connection = 1, Statement = 2 };
+
+}  // namespace zb

@@ -1,0 +1,170 @@
+// The library-facing side of the server: the exported function table, the
+// one entry point every operation goes through, and the serving loop.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+
+#include <zephrpc.h>
+
+#include "server/ops.h"
+
+namespace zbs {
+namespace {
+
+Session *g_session = nullptr;  // one client connection per process
+
+enum class Target { None, Connection, Statement };
+
+struct OpInfo {
+    Handler handler;
+    Target target;
+};
+
+OpInfo info_for(zb::Op op) {
+    using zb::Op;
+    switch (op) {
+    case Op::Connect: return {op_connect, Target::None};
+    case Op::Disconnect: return {op_disconnect, Target::Connection};
+    case Op::SetConnectAttr: return {op_set_connect_attr, Target::Connection};
+    case Op::GetConnectAttr: return {op_get_connect_attr, Target::Connection};
+    case Op::GetInfo: return {op_get_info, Target::Connection};
+    case Op::EndTran: return {op_end_tran, Target::Connection};
+    case Op::NativeSql: return {op_native_sql, Target::Connection};
+    case Op::AllocStmt: return {op_alloc_stmt, Target::Connection};
+    case Op::FreeStmt: return {op_free_stmt, Target::Statement};
+    case Op::SetStmtAttr: return {op_set_stmt_attr, Target::Statement};
+    case Op::GetStmtAttr: return {op_get_stmt_attr, Target::Statement};
+    case Op::Prepare: return {op_prepare, Target::Statement};
+    case Op::Execute: return {op_execute, Target::Statement};
+    case Op::Catalog: return {op_catalog, Target::Statement};
+    case Op::DescribeParam: return {op_describe_param, Target::Statement};
+    case Op::Fetch: return {op_fetch, Target::Statement};
+    case Op::GetData: return {op_get_data, Target::Statement};
+    case Op::ColAttribute: return {op_col_attribute, Target::Statement};
+    case Op::MoreResults: return {op_more_results, Target::Statement};
+    case Op::Cancel: return {op_cancel, Target::Statement};
+    case Op::Count: break;
+    }
+    return {nullptr, Target::None};
+}
+
+// Runs one operation. Never throws: a malformed request or a failure inside
+// becomes SQL_ERROR with a diagnostic, and a handle this session did not
+// issue becomes SQL_INVALID_HANDLE without being touched.
+SQLRETURN run(zb::Op op, void *handle, const RPCMemDesc &request, zb::Writer &reply) {
+    Outcome out;
+    zb::Writer payload;
+    try {
+        const OpInfo info = info_for(op);
+        void *object = nullptr;
+        if (info.target == Target::Connection) object = g_session->find_connection(handle);
+        if (info.target == Target::Statement) object = g_session->find_statement(handle);
+        if (info.handler == nullptr || (info.target != Target::None && object == nullptr)) {
+            zb::put_diags(reply, {});
+            return SQL_INVALID_HANDLE;
+        }
+        zb::Reader in(request.value, request.value != nullptr && request.length > 0
+                                         ? static_cast<size_t>(request.length)
+                                         : 0);
+        info.handler(*g_session, object, in, payload, out);
+    } catch (const std::exception &e) {
+        out.rc = SQL_ERROR;
+        out.diags.push_back(bridge_diag("HY000", e.what()));
+        payload = zb::Writer();
+    }
+    zb::put_diags(reply, out.diags);
+    reply.data().insert(reply.data().end(), payload.data().begin(), payload.data().end());
+    return out.rc;
+}
+
+template <zb::Op op>
+int32_t entry(RPCParam *args) {
+    RPCParam *cursor = args;
+    void *handle = *static_cast<void **>(__RPCextractarg(&cursor));
+    const auto *request = static_cast<RPCMemDesc *>(__RPCextractarg(&cursor));
+    auto *rc_slot = static_cast<int16_t *>(__RPCextractarg(&cursor));
+    auto *reply_desc = static_cast<RPCMemDesc *>(__RPCextractarg(&cursor));
+    zb::Writer reply;
+    *rc_slot = run(op, handle, *request, reply);
+    // The library frees this buffer once the reply is sent.
+    std::free(reply_desc->value);
+    reply_desc->value = std::malloc(reply.size() > 0 ? reply.size() : 1);
+    if (reply_desc->value == nullptr) {
+        *rc_slot = SQL_ERROR;
+        reply_desc->length = 0;
+        return 0;
+    }
+    std::memcpy(reply_desc->value, reply.data().data(), reply.size());
+    reply_desc->length = static_cast<int32_t>(reply.size());
+    return 0;
+}
+
+template <size_t... I>
+std::vector<RPCFuncDesc> make_table(std::index_sequence<I...>) {
+    std::vector<RPCFuncDesc> table;
+    auto add = [&](zb::Op op, RPCServerFn fn) {
+        RPCFuncDesc d{};
+        d.name = const_cast<char *>(zb::op_name(op));
+        d.entry = fn;
+        d.params[0] = {RPC_PTR | RPC_IN, 0, const_cast<char *>("handle"), 0, 0, nullptr, {}};
+        d.params[1] = {RPC_MEM | RPC_IN, 0, const_cast<char *>("request"), 0, 0, nullptr, {}};
+        d.params[2] = {RPC_INT16 | RPC_OUT, 0, const_cast<char *>("rc"), 0, 0, nullptr, {}};
+        d.params[3] = {RPC_MEM | RPC_OUT, 0, const_cast<char *>("reply"), 0, 0, nullptr, {}};
+        table.push_back(d);
+    };
+    (add(static_cast<zb::Op>(I), &entry<static_cast<zb::Op>(I)>), ...);
+    table.push_back(RPCFuncDesc{});
+    return table;
+}
+
+std::optional<int32_t> tty_transport(HRPC h) {
+    const char *name = nullptr, *description = nullptr;
+    for (int32_t i = 0; RPCEnumerateTransports(h, i, &name, &description) == 0; ++i)
+        if (name != nullptr && std::strstr(name, "TTY") != nullptr) return i;
+    return std::nullopt;
+}
+
+void log_error(HRPC h, const char *what) {
+    const char *text = nullptr;
+    int32_t code = RPCReportError(h, &text);
+    if (code != RPC_ETRANSPORT)  // a client that leaves is not worth a line
+        fprintf(stderr, "zephodbc-server[%d]: %s: error %d: %s\n", getpid(), what, code,
+                text != nullptr ? text : "");
+}
+
+}  // namespace
+
+int serve_descriptor(int fd, const Config &config) {
+    static const std::vector<RPCFuncDesc> table =
+        make_table(std::make_index_sequence<static_cast<size_t>(zb::Op::Count)>());
+    Session session(config);
+    g_session = &session;
+    HRPC h = RPCAllocHandle();
+    if (h == nullptr) return 1;
+    int status = 1;
+    std::optional<int32_t> tty;
+    if (RPCInitialise(h, RPC_MODE_SERVER, fd) == 0 && RPCExport(h, table.data()) == 0 &&
+        (tty = tty_transport(h)) &&
+        RPCSetTransportOpts(h, *tty, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                            nullptr) == 0) {
+        if (RPCConnect(h, zb::kProtocolVersion, zb::kProtocolRevision, zb::kProtocolName) == 0) {
+            RPCRun(h);  // returns when the client leaves or the stream breaks
+            log_error(h, "serving");
+            status = 0;
+        } else {
+            log_error(h, "negotiation");
+        }
+        RPCDisconnect(h);
+    } else {
+        log_error(h, "setup");
+    }
+    session.close_all();
+    g_session = nullptr;
+    RPCTerminate(h);
+    RPCFreeHandle(h);
+    return status;
+}
+
+}  // namespace zbs

@@ -1,0 +1,191 @@
+// Handlers for operations on the target connection.
+#include <algorithm>
+#include <cctype>
+
+#include "protocol/odbc_kinds.h"
+#include "server/ops.h"
+
+namespace zbs {
+namespace {
+
+std::string upper(std::string s) {
+    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::toupper(c); });
+    return s;
+}
+
+// Keywords a client may not pass through: they would pick another data
+// source or driver than the one the server allows.
+bool forbidden_keyword(const std::string &key) {
+    const std::string k = upper(key);
+    return k == "DSN" || k == "DRIVER" || k == "FILEDSN" || k == "SAVEFILE";
+}
+
+std::string braced(const std::string &v) {
+    if (v.find_first_of(";{}") == std::string::npos && (v.empty() || v.front() != ' ')) return v;
+    std::string out = "{";
+    for (char c : v) {
+        out += c;
+        if (c == '}') out += '}';
+    }
+    return out + "}";
+}
+
+void set_attr(SQLHDBC dbc, SQLINTEGER attr, bool text, int64_t value, const std::string &s,
+              Outcome &out) {
+    SQLRETURN rc = text ? SQLSetConnectAttr(dbc, attr, (SQLPOINTER)s.c_str(),
+                                            static_cast<SQLINTEGER>(s.size()))
+                        : SQLSetConnectAttr(dbc, attr, (SQLPOINTER)(intptr_t)value, 0);
+    collect_diags(SQL_HANDLE_DBC, dbc, rc, out);
+}
+
+}  // namespace
+
+void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    const int32_t odbc_version = in.i32();
+    struct Attr {
+        int32_t attr;
+        bool text;
+        int64_t value;
+        std::string s;
+    };
+    std::vector<Attr> attrs(in.u32());
+    for (auto &a : attrs) {
+        a.attr = in.i32();
+        a.text = in.u8() != 0;
+        if (a.text) a.s = in.str();
+        else a.value = in.i64();
+    }
+    const std::string dsn = in.str();
+    std::string connect = "DSN=" + braced(dsn) + ";";
+    for (uint32_t n = in.u32(); n > 0; --n) {
+        std::string key = in.str(), value = in.str();
+        if (forbidden_keyword(key)) {
+            out.rc = SQL_ERROR;
+            out.diags.push_back(bridge_diag("08004", "keyword " + key + " is not accepted"));
+            return;
+        }
+        connect += key + "=" + braced(value) + ";";
+    }
+    const auto &allowed = s.config().allowed_dsns;
+    if (!allowed.empty() && allowed.count(dsn) == 0) {
+        out.rc = SQL_ERROR;
+        out.diags.push_back(bridge_diag("08004", "data source '" + dsn + "' is not served here"));
+        return;
+    }
+    if (s.connection() != nullptr) {
+        out.rc = SQL_ERROR;
+        out.diags.push_back(bridge_diag("08002", "connection already open"));
+        return;
+    }
+    SQLRETURN rc = s.ensure_env(odbc_version);
+    if (!SQL_SUCCEEDED(rc)) {
+        collect_diags(SQL_HANDLE_ENV, s.env(), rc, out);
+        return;
+    }
+    Connection *c = s.open_connection();
+    rc = SQLAllocHandle(SQL_HANDLE_DBC, s.env(), &c->h);
+    if (!SQL_SUCCEEDED(rc)) {
+        collect_diags(SQL_HANDLE_ENV, s.env(), rc, out);
+        return;
+    }
+    for (const auto &a : attrs) {
+        Outcome ignored;
+        set_attr(c->h, a.attr, a.text, a.value, a.s, ignored);
+    }
+    SQLSMALLINT len = 0;
+    rc = SQLDriverConnect(c->h, nullptr, (SQLCHAR *)connect.c_str(), SQL_NTS, nullptr, 0, &len,
+                          SQL_DRIVER_NOPROMPT);
+    collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
+    c->connected = SQL_SUCCEEDED(rc);
+    w.u64(reinterpret_cast<uintptr_t>(c->connected ? c : nullptr));
+}
+
+void op_disconnect(Session &s, void *obj, zb::Reader &, zb::Writer &, Outcome &out) {
+    auto *c = static_cast<Connection *>(obj);
+    SQLRETURN rc = SQLDisconnect(c->h);
+    collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
+    if (SQL_SUCCEEDED(rc)) {
+        c->connected = false;
+        s.close_all();
+    }
+}
+
+void op_set_connect_attr(Session &, void *obj, zb::Reader &in, zb::Writer &, Outcome &out) {
+    auto *c = static_cast<Connection *>(obj);
+    int32_t attr = in.i32();
+    bool text = in.u8() != 0;
+    int64_t value = 0;
+    std::string str;
+    if (text) str = in.str();
+    else value = in.i64();
+    set_attr(c->h, attr, text, value, str, out);
+}
+
+void op_get_connect_attr(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    auto *c = static_cast<Connection *>(obj);
+    int32_t attr = in.i32();
+    std::vector<char> buf(4096, 0);
+    SQLINTEGER len = 0;
+    SQLRETURN rc = SQLGetConnectAttr(c->h, attr, buf.data(), static_cast<SQLINTEGER>(buf.size()),
+                                     &len);
+    collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
+    if (zb::connect_attr_is_text(attr)) {
+        w.str(std::string(buf.data(), std::clamp<SQLINTEGER>(len, 0, 4095)));
+    } else {
+        SQLULEN v = 0;
+        std::memcpy(&v, buf.data(), sizeof v);
+        w.u64(v);
+    }
+}
+
+void op_get_info(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    auto *c = static_cast<Connection *>(obj);
+    int32_t type = in.i32();
+    std::vector<char> buf(8192, 0);
+    SQLSMALLINT len = 0;
+    SQLRETURN rc = SQLGetInfo(c->h, static_cast<SQLUSMALLINT>(type), buf.data(),
+                              static_cast<SQLSMALLINT>(buf.size()), &len);
+    collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
+    switch (zb::info_kind(type)) {
+    case zb::ValueKind::Text:
+        w.bytes(buf.data(), static_cast<size_t>(std::clamp<SQLSMALLINT>(len, 0, 8191)));
+        break;
+    case zb::ValueKind::Int16:
+        w.bytes(buf.data(), 2);
+        break;
+    case zb::ValueKind::Int32:
+        w.bytes(buf.data(), 4);
+        break;
+    case zb::ValueKind::Word:
+        w.bytes(buf.data(), 8);
+        break;
+    }
+}
+
+void op_end_tran(Session &, void *obj, zb::Reader &in, zb::Writer &, Outcome &out) {
+    auto *c = static_cast<Connection *>(obj);
+    SQLRETURN rc = SQLEndTran(SQL_HANDLE_DBC, c->h, in.i16());
+    collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
+}
+
+void op_native_sql(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    auto *c = static_cast<Connection *>(obj);
+    std::string sql = in.str();
+    SQLINTEGER len = 0;
+    std::vector<char> buf(sql.size() * 2 + 1024);
+    SQLRETURN rc = SQLNativeSql(c->h, (SQLCHAR *)sql.data(), static_cast<SQLINTEGER>(sql.size()),
+                                (SQLCHAR *)buf.data(), static_cast<SQLINTEGER>(buf.size()), &len);
+    collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
+    w.str(std::string(buf.data(), std::clamp<size_t>(static_cast<size_t>(std::max(len, 0)), 0,
+                                                     buf.size() - 1)));
+}
+
+void op_alloc_stmt(Session &s, void *obj, zb::Reader &, zb::Writer &w, Outcome &out) {
+    auto *c = static_cast<Connection *>(obj);
+    SQLHSTMT h = SQL_NULL_HSTMT;
+    SQLRETURN rc = SQLAllocHandle(SQL_HANDLE_STMT, c->h, &h);
+    collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
+    w.u64(SQL_SUCCEEDED(rc) ? reinterpret_cast<uintptr_t>(s.add_statement(h)) : 0);
+}
+
+}  // namespace zbs

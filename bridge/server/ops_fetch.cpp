@@ -1,0 +1,132 @@
+// Handlers that read a result: block fetches into bound columns, SQLGetData
+// and column attributes.
+#include <algorithm>
+#include <cstring>
+
+#include "protocol/odbc_kinds.h"
+#include "server/ops.h"
+
+namespace zbs {
+namespace {
+
+Statement &stmt(void *obj) { return *static_cast<Statement *>(obj); }
+
+constexpr SQLLEN kMaxBuffer = 256 << 20;  // one value never needs more
+
+SQLLEN element_size(SQLSMALLINT c_type, SQLLEN buffer_length) {
+    if (int fixed = zb::c_type_fixed_size(c_type)) return fixed;
+    return std::clamp<SQLLEN>(buffer_length, 1, kMaxBuffer);
+}
+
+// Bytes of a value worth sending back: what the target wrote, not the buffer.
+size_t extent(SQLSMALLINT c_type, SQLLEN indicator, SQLLEN buffer_length, SQLLEN element) {
+    if (zb::c_type_fixed_size(c_type) != 0) return indicator == SQL_NULL_DATA ? 0 : static_cast<size_t>(element);
+    if (indicator == SQL_NULL_DATA || buffer_length <= 0) return 0;
+    const SQLLEN term = c_type == SQL_C_CHAR ? 1 : c_type == SQL_C_WCHAR ? 2 : 0;
+    SQLLEN n = (indicator < 0 || indicator + term > buffer_length) ? buffer_length : indicator + term;
+    return static_cast<size_t>(std::min(n, element));
+}
+
+struct ColumnRequest {
+    SQLUSMALLINT column;
+    SQLSMALLINT c_type;
+    SQLLEN buffer_length;
+};
+
+// Binds the target's columns to this statement's buffers as requested,
+// reusing the binding the previous fetch made when nothing changed.
+SQLRETURN bind_columns(Statement &s, const std::vector<ColumnRequest> &req, SQLULEN rowset) {
+    bool same = s.columns.size() == req.size() && rowset == s.rowset;
+    for (const auto &r : req) {
+        auto it = s.columns.find(r.column);
+        same = same && it != s.columns.end() && it->second.c_type == r.c_type &&
+               it->second.element == element_size(r.c_type, r.buffer_length);
+    }
+    if (same) return SQL_SUCCESS;
+    SQLFreeStmt(s.h, SQL_UNBIND);
+    s.columns.clear();
+    if (rowset != s.rowset) {
+        SQLRETURN rc = SQLSetStmtAttr(s.h, SQL_ATTR_ROW_ARRAY_SIZE, (SQLPOINTER)rowset, 0);
+        if (!SQL_SUCCEEDED(rc)) return rc;
+        s.rowset = rowset;
+    }
+    s.row_status.assign(rowset, 0);
+    SQLSetStmtAttr(s.h, SQL_ATTR_ROW_STATUS_PTR, s.row_status.data(), 0);
+    SQLSetStmtAttr(s.h, SQL_ATTR_ROWS_FETCHED_PTR, &s.rows_fetched, 0);
+    for (const auto &r : req) {
+        BoundColumn &b = s.columns[r.column];
+        b.c_type = r.c_type;
+        b.element = element_size(r.c_type, r.buffer_length);
+        b.data.assign(static_cast<size_t>(b.element) * rowset, 0);
+        b.indicators.assign(rowset, 0);
+        SQLRETURN rc = SQLBindCol(s.h, r.column, r.c_type, b.data.data(), b.element,
+                                  b.indicators.data());
+        if (!SQL_SUCCEEDED(rc)) return rc;
+    }
+    return SQL_SUCCESS;
+}
+
+}  // namespace
+
+void op_fetch(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    Statement &s = stmt(obj);
+    const bool scroll = in.u8() != 0;
+    const int16_t orientation = in.i16();
+    const int64_t offset = in.i64();
+    const SQLULEN rowset = std::max<uint64_t>(in.u64(), 1);
+    std::vector<ColumnRequest> req(in.u32());
+    for (auto &r : req) {
+        r.column = static_cast<SQLUSMALLINT>(in.i16());
+        r.c_type = in.i16();
+        r.buffer_length = static_cast<SQLLEN>(in.i64());
+    }
+    SQLRETURN rc = bind_columns(s, req, rowset);
+    if (SQL_SUCCEEDED(rc)) {
+        s.rows_fetched = 0;
+        rc = scroll ? SQLFetchScroll(s.h, orientation, static_cast<SQLLEN>(offset)) : SQLFetch(s.h);
+    }
+    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+    const SQLULEN rows = SQL_SUCCEEDED(rc) ? std::min(s.rows_fetched, rowset) : 0;
+    w.u64(rows);
+    for (SQLULEN i = 0; i < rows; ++i) w.i16(static_cast<int16_t>(s.row_status[i]));
+    for (const auto &r : req) {
+        const BoundColumn &b = s.columns[r.column];
+        for (SQLULEN i = 0; i < rows; ++i) {
+            SQLLEN ind = b.indicators[i];
+            w.i64(ind);
+            w.bytes(b.data.data() + i * static_cast<size_t>(b.element),
+                    extent(r.c_type, ind, r.buffer_length, b.element));
+        }
+    }
+}
+
+void op_get_data(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    Statement &s = stmt(obj);
+    auto column = static_cast<SQLUSMALLINT>(in.i16());
+    SQLSMALLINT c_type = in.i16();
+    SQLLEN buffer_length = std::min<SQLLEN>(static_cast<SQLLEN>(in.i64()), kMaxBuffer);
+    SQLLEN element = element_size(c_type, buffer_length);
+    std::vector<uint8_t> buf(static_cast<size_t>(element), 0);
+    SQLLEN ind = 0;
+    SQLRETURN rc = SQLGetData(s.h, column, c_type, buf.data(), buffer_length, &ind);
+    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+    w.i64(ind);
+    w.bytes(buf.data(), SQL_SUCCEEDED(rc) ? extent(c_type, ind, buffer_length, element) : 0);
+}
+
+void op_col_attribute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    Statement &s = stmt(obj);
+    auto column = static_cast<SQLUSMALLINT>(in.i16());
+    auto field = static_cast<SQLUSMALLINT>(in.i16());
+    std::vector<char> text(4096, 0);
+    SQLSMALLINT len = 0;
+    SQLLEN number = 0;
+    SQLRETURN rc = SQLColAttribute(s.h, column, field, text.data(),
+                                   static_cast<SQLSMALLINT>(text.size()), &len, &number);
+    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+    size_t n = len > 0 ? std::min<size_t>(static_cast<size_t>(len), 4095) : strnlen(text.data(), 4095);
+    w.str(std::string(text.data(), n));
+    w.i64(number);
+}
+
+}  // namespace zbs

@@ -1,0 +1,252 @@
+// Handlers for statement operations: attributes, prepare, execute with
+// parameters, catalog functions and result-set switching.
+#include <algorithm>
+#include <optional>
+
+#include "protocol/odbc_kinds.h"
+#include "server/ops.h"
+
+namespace zbs {
+namespace {
+
+Statement &stmt(void *obj) { return *static_cast<Statement *>(obj); }
+
+struct ParamSpec {
+    SQLUSMALLINT number;
+    SQLSMALLINT io, c_type, sql_type, digits;
+    SQLULEN size;
+    SQLLEN out_length;  // buffer length for output parameters
+};
+
+bool is_output(SQLSMALLINT io) { return io == SQL_PARAM_OUTPUT || io == SQL_PARAM_INPUT_OUTPUT; }
+
+// Bytes of a returned value worth sending: what the target wrote, not the
+// whole buffer.
+size_t value_extent(SQLSMALLINT c_type, SQLLEN indicator, SQLLEN buffer_length) {
+    if (int fixed = zb::c_type_fixed_size(c_type)) return indicator == SQL_NULL_DATA ? 0 : fixed;
+    if (indicator == SQL_NULL_DATA || buffer_length <= 0) return 0;
+    const SQLLEN term = c_type == SQL_C_CHAR ? 1 : c_type == SQL_C_WCHAR ? 2 : 0;
+    if (indicator == SQL_NO_TOTAL || indicator < 0 || indicator + term > buffer_length)
+        return static_cast<size_t>(buffer_length);
+    return static_cast<size_t>(indicator + term);
+}
+
+SQLRETURN bind_set(Statement &s, const std::vector<ParamSpec> &specs) {
+    for (size_t i = 0; i < specs.size(); ++i) {
+        const auto &p = specs[i];
+        auto &buf = s.param_values[i];
+        SQLLEN length = static_cast<SQLLEN>(buf.size());
+        if (is_output(p.io) && p.out_length > length) buf.resize(static_cast<size_t>(p.out_length));
+        if (buf.empty()) buf.resize(1);
+        SQLRETURN rc = SQLBindParameter(s.h, p.number, p.io, p.c_type, p.sql_type, p.size,
+                                        p.digits, buf.data(),
+                                        is_output(p.io) ? static_cast<SQLLEN>(buf.size()) : length,
+                                        &s.param_indicators[i]);
+        if (!SQL_SUCCEEDED(rc)) return rc;
+    }
+    return SQL_SUCCESS;
+}
+
+SQLRETURN worst(SQLRETURN a, SQLRETURN b) {
+    if (a == SQL_ERROR || b == SQL_ERROR) return SQL_ERROR;
+    if (a == SQL_SUCCESS_WITH_INFO || b == SQL_SUCCESS_WITH_INFO) return SQL_SUCCESS_WITH_INFO;
+    return a == SQL_SUCCESS ? b : a;
+}
+
+}  // namespace
+
+void op_free_stmt(Session &sess, void *obj, zb::Reader &in, zb::Writer &, Outcome &out) {
+    Statement &s = stmt(obj);
+    int16_t option = in.i16();
+    SQLRETURN rc;
+    if (option == SQL_DROP) {
+        rc = SQLFreeHandle(SQL_HANDLE_STMT, s.h);
+        out.rc = rc;
+        if (SQL_SUCCEEDED(rc)) sess.drop_statement(&s);
+        return;
+    }
+    rc = option < 0 ? SQLCloseCursor(s.h) : SQLFreeStmt(s.h, static_cast<SQLUSMALLINT>(option));
+    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+}
+
+void op_set_stmt_attr(Session &, void *obj, zb::Reader &in, zb::Writer &, Outcome &out) {
+    Statement &s = stmt(obj);
+    int32_t attr = in.i32();
+    int64_t value = in.i64();
+    SQLRETURN rc = SQLSetStmtAttr(s.h, attr, (SQLPOINTER)(intptr_t)value, 0);
+    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+}
+
+void op_get_stmt_attr(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    Statement &s = stmt(obj);
+    SQLULEN value = 0;
+    SQLINTEGER len = 0;
+    SQLRETURN rc = SQLGetStmtAttr(s.h, in.i32(), &value, sizeof value, &len);
+    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+    w.u64(value);
+}
+
+void op_prepare(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    Statement &s = stmt(obj);
+    std::string sql = in.str();
+    SQLRETURN rc = SQLPrepare(s.h, (SQLCHAR *)sql.data(), static_cast<SQLINTEGER>(sql.size()));
+    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+    SQLSMALLINT params = 0;
+    SQLRETURN prc = SQL_SUCCEEDED(rc) ? SQLNumParams(s.h, &params) : SQL_ERROR;
+    w.i16(prc);
+    w.i16(params);
+    if (SQL_SUCCEEDED(rc)) put_result_shape(w, s.h);
+}
+
+void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    Statement &s = stmt(obj);
+    const bool direct = in.u8() != 0;
+    std::string sql;
+    if (direct) sql = in.str();
+    std::vector<ParamSpec> specs(in.u32());
+    for (auto &p : specs) {
+        p.number = static_cast<SQLUSMALLINT>(in.i16());
+        p.io = in.i16();
+        p.c_type = in.i16();
+        p.sql_type = in.i16();
+        p.size = in.u64();
+        p.digits = in.i16();
+        p.out_length = in.i64();
+    }
+    const uint64_t sets = std::max<uint64_t>(in.u64(), 1);
+    s.param_values.assign(specs.size(), {});
+    s.param_indicators.assign(specs.size(), 0);
+    std::vector<SQLUSMALLINT> status(sets, SQL_PARAM_UNUSED);
+    uint64_t processed = 0;
+    SQLRETURN rc = SQL_SUCCESS;
+    int64_t total_rows = 0;
+    bool counted = false;
+
+    SQLFreeStmt(s.h, SQL_RESET_PARAMS);
+    // Parameter arrays run one set at a time: some targets cannot take them.
+    if (direct && sets > 1) {
+        rc = SQLPrepare(s.h, (SQLCHAR *)sql.data(), static_cast<SQLINTEGER>(sql.size()));
+        collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+    }
+    for (uint64_t set = 0; set < sets && SQL_SUCCEEDED(rc); ++set) {
+        for (size_t i = 0; i < specs.size(); ++i) {
+            s.param_indicators[i] = static_cast<SQLLEN>(in.i64());
+            auto b = in.bytes();
+            s.param_values[i].assign(b.begin(), b.end());
+        }
+        SQLRETURN one = bind_set(s, specs);
+        if (SQL_SUCCEEDED(one)) {
+            if (direct && sets == 1)
+                one = SQLExecDirect(s.h, (SQLCHAR *)sql.data(), static_cast<SQLINTEGER>(sql.size()));
+            else
+                one = SQLExecute(s.h);
+        }
+        Outcome step;
+        collect_diags(SQL_HANDLE_STMT, s.h, one, step);
+        out.diags.insert(out.diags.end(), step.diags.begin(), step.diags.end());
+        ++processed;
+        status[set] = one == SQL_ERROR ? SQL_PARAM_ERROR
+                      : one == SQL_SUCCESS_WITH_INFO ? SQL_PARAM_SUCCESS_WITH_INFO
+                                                     : SQL_PARAM_SUCCESS;
+        rc = set == 0 ? one : worst(rc, one);
+        SQLLEN n = 0;
+        if (sets > 1 && SQL_SUCCEEDED(one) && SQL_SUCCEEDED(SQLRowCount(s.h, &n)) && n >= 0) {
+            total_rows += n;
+            counted = true;
+        }
+    }
+    out.rc = rc;
+    w.u64(processed);
+    w.u32(static_cast<uint32_t>(sets));
+    for (auto st : status) w.i16(static_cast<int16_t>(st));
+    // Output parameters of the last set.
+    for (size_t i = 0; i < specs.size(); ++i) {
+        if (!is_output(specs[i].io)) continue;
+        const auto &buf = s.param_values[i];
+        w.i64(s.param_indicators[i]);
+        size_t n = value_extent(specs[i].c_type, s.param_indicators[i],
+                                static_cast<SQLLEN>(buf.size()));
+        w.bytes(buf.data(), std::min(n, buf.size()));
+    }
+    zb::Writer shape;
+    put_result_shape(shape, s.h);
+    if (counted) {  // the count of the whole array, not of its last set
+        zb::Reader r(shape.data().data(), shape.size());
+        zb::ResultShape rs = zb::get_shape(r);
+        rs.rowcount_rc = SQL_SUCCESS;
+        rs.row_count = total_rows;
+        zb::put_shape(w, rs);
+    } else {
+        w.data().insert(w.data().end(), shape.data().begin(), shape.data().end());
+    }
+}
+
+void op_catalog(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    Statement &s = stmt(obj);
+    auto fn = static_cast<zb::CatalogFn>(in.i32());
+    std::vector<std::optional<std::string>> t(in.u32());
+    for (auto &x : t) x = in.opt_str();
+    std::vector<int16_t> n(in.u32());
+    for (auto &x : n) x = in.i16();
+    t.resize(6);
+    n.resize(3);
+    auto p = [&](int i) { return t[i] ? (SQLCHAR *)t[i]->data() : nullptr; };
+    auto l = [&](int i) { return t[i] ? static_cast<SQLSMALLINT>(t[i]->size()) : SQLSMALLINT{0}; };
+    SQLRETURN rc = SQL_ERROR;
+    switch (fn) {
+    case zb::CatalogFn::Tables: rc = SQLTables(s.h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3)); break;
+    case zb::CatalogFn::Columns: rc = SQLColumns(s.h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3)); break;
+    case zb::CatalogFn::PrimaryKeys: rc = SQLPrimaryKeys(s.h, p(0), l(0), p(1), l(1), p(2), l(2)); break;
+    case zb::CatalogFn::ForeignKeys:
+        rc = SQLForeignKeys(s.h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3), p(4), l(4), p(5), l(5));
+        break;
+    case zb::CatalogFn::Statistics:
+        rc = SQLStatistics(s.h, p(0), l(0), p(1), l(1), p(2), l(2), n[0], n[1]);
+        break;
+    case zb::CatalogFn::SpecialColumns:
+        rc = SQLSpecialColumns(s.h, n[0], p(0), l(0), p(1), l(1), p(2), l(2), n[1], n[2]);
+        break;
+    case zb::CatalogFn::Procedures: rc = SQLProcedures(s.h, p(0), l(0), p(1), l(1), p(2), l(2)); break;
+    case zb::CatalogFn::ProcedureColumns:
+        rc = SQLProcedureColumns(s.h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3));
+        break;
+    case zb::CatalogFn::GetTypeInfo: rc = SQLGetTypeInfo(s.h, n[0]); break;
+    case zb::CatalogFn::TablePrivileges: rc = SQLTablePrivileges(s.h, p(0), l(0), p(1), l(1), p(2), l(2)); break;
+    case zb::CatalogFn::ColumnPrivileges:
+        rc = SQLColumnPrivileges(s.h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3));
+        break;
+    default:
+        out.rc = SQL_ERROR;
+        out.diags.push_back(bridge_diag("HY000", "unknown catalog function"));
+        return;
+    }
+    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+    put_result_shape(w, s.h);
+}
+
+void op_describe_param(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    Statement &s = stmt(obj);
+    SQLSMALLINT type = 0, digits = 0, nullable = 0;
+    SQLULEN size = 0;
+    SQLRETURN rc = SQLDescribeParam(s.h, static_cast<SQLUSMALLINT>(in.i16()), &type, &size,
+                                    &digits, &nullable);
+    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+    w.i16(type);
+    w.u64(size);
+    w.i16(digits);
+    w.i16(nullable);
+}
+
+void op_more_results(Session &, void *obj, zb::Reader &, zb::Writer &w, Outcome &out) {
+    Statement &s = stmt(obj);
+    SQLRETURN rc = SQLMoreResults(s.h);
+    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+    put_result_shape(w, s.h);
+}
+
+void op_cancel(Session &, void *obj, zb::Reader &, zb::Writer &, Outcome &out) {
+    Statement &s = stmt(obj);
+    collect_diags(SQL_HANDLE_STMT, s.h, SQLCancel(s.h), out);
+}
+
+}  // namespace zbs

@@ -1,0 +1,98 @@
+// One client connection as the server sees it: the target environment and
+// connection, the statements opened for the client, and the handles issued.
+//
+// A server process (or forked child) serves exactly one client connection,
+// so the session is process-wide state.
+#pragma once
+
+#include <sql.h>
+#include <sqlext.h>
+
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "protocol/codec.h"
+#include "protocol/protocol.h"
+
+namespace zbs {
+
+// Buffers the target holds pointers into between calls.
+struct BoundColumn {
+    SQLSMALLINT c_type = 0;
+    SQLLEN element = 0;  // bytes per row
+    std::vector<uint8_t> data;
+    std::vector<SQLLEN> indicators;
+};
+
+struct Statement {
+    SQLHSTMT h = SQL_NULL_HSTMT;
+    std::vector<std::vector<uint8_t>> param_values;
+    std::vector<SQLLEN> param_indicators;
+    std::unordered_map<int, BoundColumn> columns;  // by column number
+    SQLULEN rowset = 1;
+    SQLULEN rows_fetched = 0;
+    std::vector<SQLUSMALLINT> row_status;
+};
+
+struct Connection {
+    SQLHDBC h = SQL_NULL_HDBC;
+    bool connected = false;
+};
+
+struct Config {
+    std::set<std::string> allowed_dsns;  // empty: every DSN
+};
+
+// What a handler tells the dispatcher besides its return code.
+struct Outcome {
+    SQLRETURN rc = SQL_SUCCESS;
+    std::vector<zb::DiagRecord> diags;
+};
+
+class Session {
+public:
+    explicit Session(const Config &config) : config_(config) {}
+    ~Session();
+
+    const Config &config() const { return config_; }
+    SQLHENV env() const { return env_; }
+    SQLRETURN ensure_env(SQLINTEGER odbc_version);
+
+    Connection *connection() { return connection_.get(); }
+    Connection *open_connection();
+    Statement *add_statement(SQLHSTMT h);
+    void drop_statement(Statement *s);
+
+    // The issued object behind a pointer the client sent, or null when the
+    // pointer is not one this session issued as that kind.
+    Connection *find_connection(void *p) const;
+    Statement *find_statement(void *p) const;
+
+    // Rolls back and releases everything the client left open.
+    void close_all();
+
+private:
+    Config config_;
+    SQLHENV env_ = SQL_NULL_HENV;
+    std::unique_ptr<Connection> connection_;
+    std::unordered_map<void *, std::unique_ptr<Statement>> statements_;
+};
+
+// Appends the target's diagnostics for a handle when rc asks for them.
+void collect_diags(SQLSMALLINT type, SQLHANDLE h, SQLRETURN rc, Outcome &out);
+zb::DiagRecord bridge_diag(const char *sqlstate, const std::string &message);
+
+// Handlers: decode the request, act on the target, encode the reply payload.
+using Handler = void (*)(Session &, void *handle, zb::Reader &, zb::Writer &, Outcome &);
+Handler handler_for(zb::Op op);
+
+// Encodes what SQLNumResultCols, SQLDescribeCol and SQLRowCount report.
+void put_result_shape(zb::Writer &w, SQLHSTMT h);
+
+// Serves one connected client on descriptor fd until it leaves.
+int serve_descriptor(int fd, const Config &config);
+
+}  // namespace zbs

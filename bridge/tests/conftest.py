@@ -1,0 +1,129 @@
+"""Real clients against SQLite, directly and through the bridge.
+
+Every test gets its own ODBC configuration (ODBCSYSINI/ODBCINI in a temporary
+directory) with two data sources over the same database file: "direct", the
+SQLite ODBC driver in-process, and "bridge", the bridge driver reaching the
+same DSN through a zephodbc-server started here on a free loopback port.
+"""
+import glob
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+import pytest
+
+DRIVER = os.environ["ZEPHODBC_DRIVER"]
+SERVER = os.environ["ZEPHODBC_SERVER"]
+
+_config_dir = tempfile.mkdtemp(prefix="zephodbc-test-")
+os.environ["ODBCSYSINI"] = _config_dir
+os.environ["ODBCINI"] = os.path.join(_config_dir, "odbc.ini")
+
+import pyodbc  # noqa: E402  (after the configuration is in place)
+
+pyodbc.pooling = False
+
+
+def sqlite_driver():
+    for pattern in ("/usr/lib/*/odbc/libsqlite3odbc.so", "/usr/lib/odbc/libsqlite3odbc.so",
+                    "/usr/local/lib/libsqlite3odbc.so"):
+        found = glob.glob(pattern)
+        if found:
+            return found[0]
+    pytest.exit("the SQLite ODBC driver (libsqliteodbc) is not installed", 2)
+
+
+class Server:
+    """A zephodbc-server process; stopped (with its children) by stop()."""
+
+    def __init__(self, *extra):
+        self.proc = subprocess.Popen(
+            [SERVER, "--listen", "127.0.0.1:0", *extra],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+            start_new_session=True)
+        line = self.proc.stdout.readline()
+        if "listening on" not in line:
+            self.stop()
+            raise RuntimeError("server did not start: " + line + self.proc.stderr.read())
+        self.port = int(line.rsplit(":", 1)[1])
+
+    def children(self):
+        out = subprocess.run(["pgrep", "-P", str(self.proc.pid)], capture_output=True, text=True)
+        return [int(p) for p in out.stdout.split()]
+
+    def stop(self):
+        if self.proc.poll() is None:
+            self.proc.send_signal(signal.SIGTERM)
+            try:
+                self.proc.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                os.killpg(self.proc.pid, signal.SIGKILL)
+                self.proc.wait(timeout=10)
+        for stream in (self.proc.stdout, self.proc.stderr):
+            stream.close()
+
+
+class Setup:
+    """The configuration files, the database and the server of one test."""
+
+    def __init__(self, directory):
+        self.dir = directory
+        self.db = os.path.join(directory, "test.db")
+        self.server = Server()
+        with open(os.path.join(_config_dir, "odbcinst.ini"), "w") as f:
+            f.write(f"[SQLite3]\nDriver={sqlite_driver()}\n\n[zephodbc]\nDriver={DRIVER}\n")
+        self.write_dsns()
+
+    def write_dsns(self, port=None):
+        with open(os.environ["ODBCINI"], "w") as f:
+            f.write(f"[direct]\nDriver=SQLite3\nDatabase={self.db}\nTimeout=2000\n\n")
+            f.write(f"[bridge]\nDriver=zephodbc\nServer=127.0.0.1\n"
+                    f"Port={port or self.server.port}\nTargetDSN=direct\nTimeout=20\n")
+
+    def connect(self, kind, **kw):
+        return pyodbc.connect("DSN=" + kind, **kw)
+
+    def bridge_string(self, **extra):
+        parts = {"DRIVER": DRIVER, "SERVER": "127.0.0.1", "PORT": str(self.server.port),
+                 "TARGETDSN": "direct", "TIMEOUT": "20", **extra}
+        return ";".join(f"{k}={v}" for k, v in parts.items())
+
+
+@pytest.fixture(scope="session")
+def setup():
+    # One configuration for the whole run: the driver manager caches odbc.ini
+    # by modification time, so its contents must not change under it. Tests
+    # use tables of their own names in the one database.
+    directory = tempfile.mkdtemp(prefix="zephodbc-db-")
+    s = Setup(directory)
+    yield s
+    s.server.stop()
+    shutil.rmtree(directory, ignore_errors=True)
+
+
+def pytest_sessionfinish(session, exitstatus):
+    shutil.rmtree(_config_dir, ignore_errors=True)
+
+
+def both(setup, scenario, **kw):
+    """Runs scenario(connection) directly and through the bridge; returns both results."""
+    results = []
+    for kind in ("direct", "bridge"):
+        conn = setup.connect(kind, **kw)
+        try:
+            results.append(scenario(conn))
+        finally:
+            conn.close()
+    return results
+
+
+def outcome(fn):
+    """A call's result, or its exception reduced to class, SQLSTATE and text."""
+    try:
+        return ("ok", fn())
+    except pyodbc.Error as e:
+        return (type(e).__name__, e.args[0], e.args[1])

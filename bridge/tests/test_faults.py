@@ -1,0 +1,202 @@
+"""Failures a bridge must survive: dead servers, wrong ports, clients killed
+mid-transaction, forged handles, refused data sources."""
+import ctypes
+import os
+import signal
+import socket
+import subprocess
+import sys
+import threading
+import time
+
+import pyodbc
+import pytest
+
+from conftest import DRIVER, SERVER, Server
+
+SQL_INVALID_HANDLE = -2
+COUNTING = ("with recursive s(n) as (select 1 union all select n + 1 from s where n < 100000) "
+            "select n from s")
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def state_of(excinfo):
+    return excinfo.value.args[0]
+
+
+def wait_until(predicate, seconds=15):
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        if predicate():
+            return True
+        time.sleep(0.05)
+    return predicate()
+
+
+def still_serves(setup):
+    conn = pyodbc.connect(setup.bridge_string())
+    value = conn.cursor().execute("select 41 + 1").fetchone()[0]
+    conn.close()
+    return value == 42
+
+
+def test_wrong_port_is_08001(setup):
+    with pytest.raises(pyodbc.Error) as e:
+        pyodbc.connect(setup.bridge_string(PORT=free_port()))
+    assert state_of(e) == "08001"
+    assert "Connection refused" in e.value.args[1]
+
+
+def test_server_killed_mid_fetch_is_08s01(setup):
+    server = Server()
+    try:
+        # No Timeout: only noticing the dead peer can end the fetch.
+        conn = pyodbc.connect(setup.bridge_string(PORT=server.port, TIMEOUT=0))
+        cur = conn.cursor()
+        cur.execute(COUNTING)
+        assert [cur.fetchone()[0] for _ in range(3)] == [1, 2, 3]
+        for child in server.children():
+            os.kill(child, signal.SIGKILL)
+        server.proc.kill()
+        with pytest.raises(pyodbc.Error) as e:
+            cur.fetchall()
+        assert state_of(e) == "08S01"
+        with pytest.raises(pyodbc.Error) as e:
+            conn.cursor().execute("select 1")
+        assert state_of(e) == "08S01"
+        conn.close()
+    finally:
+        server.stop()
+    assert still_serves(setup)
+
+
+CLIENT = """
+import sys, pyodbc
+conn = pyodbc.connect(sys.argv[1])
+conn.cursor().execute("insert into fault_tx values (1)")
+print("inserted", flush=True)
+sys.stdin.read()
+"""
+
+
+def test_client_killed_mid_transaction_leaves_nothing(setup):
+    direct = pyodbc.connect("DSN=direct", autocommit=True)
+    direct.execute("create table fault_tx(v integer)")
+    before = set(setup.server.children())
+    client = subprocess.Popen([sys.executable, "-c", CLIENT, setup.bridge_string()],
+                              stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    try:
+        assert client.stdout.readline().strip() == "inserted"
+        assert len(set(setup.server.children()) - before) == 1
+    finally:
+        client.kill()
+        client.wait(timeout=10)
+        client.stdin.close()
+        client.stdout.close()
+    assert wait_until(lambda: set(setup.server.children()) <= before)
+    assert direct.execute("select count(*) from fault_tx").fetchone()[0] == 0
+    direct.execute("drop table fault_tx")
+    direct.close()
+    assert still_serves(setup)
+
+
+class MemDesc(ctypes.Structure):
+    _fields_ = [("flags", ctypes.c_uint32), ("pad0", ctypes.c_uint32), ("name", ctypes.c_char_p),
+                ("length", ctypes.c_int32), ("pad1", ctypes.c_int32), ("value", ctypes.c_void_p),
+                ("extra", ctypes.c_void_p * 2)]
+
+
+def test_forged_handles_are_invalid_handles(setup):
+    # A client that speaks the bridge's calls through the library itself and
+    # sends pointers the server never issued.
+    rpc = ctypes.CDLL(os.environ["ZEPHRPC_LIBRARY"])
+    rpc.RPCAllocHandle.restype = ctypes.c_void_p
+    h = ctypes.c_void_p(rpc.RPCAllocHandle())
+    assert rpc.RPCInitialise(h, 1, 0) == 0
+    name, description = ctypes.c_char_p(), ctypes.c_char_p()
+    bsd = next(i for i in range(4)
+               if rpc.RPCEnumerateTransports(h, i, ctypes.byref(name), ctypes.byref(description)) == 0
+               and b"BSD" in name.value)
+    port = str(setup.server.port).encode()
+    assert rpc.RPCSetTransportOpts(h, bsd, b"127.0.0.1", port, None, None, None, None, None) == 0
+    assert rpc.RPCConnect(h, 1, 0, b"zephodbc") == 0
+    try:
+        for function in (b"zb_fetch", b"zb_free_stmt", b"zb_get_data", b"zb_disconnect", b"zb_alloc_stmt"):
+            for forged in (0xDEADBEEF, 8, 0):
+                request, reply, rc = MemDesc(), MemDesc(), ctypes.c_int16(0)
+                assert rpc.RPCExec(h, function, ctypes.c_void_p(forged), ctypes.byref(request),
+                                   ctypes.byref(rc), ctypes.byref(reply)) == 0
+                assert rc.value == SQL_INVALID_HANDLE, (function, forged)
+    finally:
+        rpc.RPCDisconnect(h)
+        rpc.RPCTerminate(h)
+        rpc.RPCFreeHandle(h)
+    assert still_serves(setup)
+
+
+def test_data_sources_outside_the_allowed_list_are_refused(setup):
+    server = Server("--allow-dsn", "elsewhere")
+    try:
+        with pytest.raises(pyodbc.Error) as e:
+            pyodbc.connect(setup.bridge_string(PORT=server.port))
+        assert state_of(e) == "08004"
+        assert "'direct' is not served here" in e.value.args[1]
+    finally:
+        server.stop()
+
+
+def test_inetd_mode_serves_the_connection_on_its_standard_input(setup):
+    listener = socket.socket()
+    listener.bind(("127.0.0.1", 0))
+    listener.listen(1)
+    result = {}
+
+    def client():
+        try:
+            conn = pyodbc.connect(setup.bridge_string(PORT=listener.getsockname()[1]))
+            result["value"] = conn.cursor().execute("select 'inetd'").fetchone()[0]
+            conn.close()
+        except pyodbc.Error as e:
+            result["error"] = e
+
+    thread = threading.Thread(target=client)
+    thread.start()
+    accepted, _ = listener.accept()
+    server = subprocess.Popen([SERVER, "--inetd"], stdin=accepted, stderr=subprocess.PIPE)
+    accepted.close()
+    listener.close()
+    thread.join(timeout=30)
+    assert server.wait(timeout=30) == 0
+    server.stderr.close()
+    assert result == {"value": "inetd"}
+
+
+def test_protocol_version_mismatch_is_08001(setup):
+    example = os.environ.get("ZEPHRPC_EXAMPLE_SERVER")
+    if not example:
+        pytest.skip("the library's example server is not built")
+    port = free_port()
+    other = subprocess.Popen([example, str(port)], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        assert wait_until(lambda: listening(port))
+        # ansi: one connect attempt (pyodbc retries a failed wide one), and
+        # the example server takes one client only.
+        with pytest.raises(pyodbc.Error) as e:
+            pyodbc.connect(setup.bridge_string(PORT=port), ansi=True)
+        assert state_of(e) == "08001"
+        assert "bridge protocol version mismatch" in e.value.args[1]
+    finally:
+        other.kill()
+        other.wait(timeout=10)
+
+
+def listening(port):
+    """Whether something listens on the loopback port, asked without connecting."""
+    with open("/proc/net/tcp") as f:
+        return any(line.split()[1].endswith(f":{port:04X}") and line.split()[3] == "0A"
+                   for line in list(f)[1:])
