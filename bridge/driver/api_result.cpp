@@ -1,6 +1,7 @@
 // Results: column descriptions (from what execute returned), column
 // attributes (asked once per result), fetches into bound columns, SQLGetData.
 #include <cstring>
+#include <iterator>
 
 #include "driver/api.h"
 #include "driver/params.h"
@@ -12,6 +13,41 @@ namespace {
 
 bool column_in_range(Stmt &s, SQLUSMALLINT column) {
     return s.has_shape && column >= 1 && column <= s.shape.columns.size();
+}
+
+// The attributes clients ask for, fetched for every column at the first ask.
+constexpr SQLUSMALLINT kCommonAttributes[] = {
+    SQL_DESC_AUTO_UNIQUE_VALUE, SQL_DESC_BASE_COLUMN_NAME, SQL_DESC_BASE_TABLE_NAME,
+    SQL_DESC_CASE_SENSITIVE, SQL_DESC_CATALOG_NAME, SQL_DESC_CONCISE_TYPE, SQL_DESC_DISPLAY_SIZE,
+    SQL_DESC_FIXED_PREC_SCALE, SQL_DESC_LABEL, SQL_DESC_LENGTH, SQL_DESC_LITERAL_PREFIX,
+    SQL_DESC_LITERAL_SUFFIX, SQL_DESC_LOCAL_TYPE_NAME, SQL_DESC_NAME, SQL_DESC_NULLABLE,
+    SQL_DESC_NUM_PREC_RADIX, SQL_DESC_OCTET_LENGTH, SQL_DESC_PRECISION, SQL_DESC_SCALE,
+    SQL_DESC_SCHEMA_NAME, SQL_DESC_SEARCHABLE, SQL_DESC_TABLE_NAME, SQL_DESC_TYPE,
+    SQL_DESC_TYPE_NAME, SQL_DESC_UNNAMED, SQL_DESC_UNSIGNED, SQL_DESC_UPDATABLE,
+    SQL_COLUMN_LENGTH, SQL_COLUMN_PRECISION, SQL_COLUMN_SCALE,
+};
+
+bool is_common_attribute(SQLUSMALLINT field) {
+    for (auto f : kCommonAttributes)
+        if (f == field) return true;
+    return false;
+}
+
+void load_common_attributes(Stmt &s) {
+    s.attributes_loaded = true;
+    zb::Writer w;
+    w.i16(0);
+    w.u32(static_cast<uint32_t>(std::size(kCommonAttributes)));
+    for (auto f : kCommonAttributes) w.i16(static_cast<int16_t>(f));
+    Reply r = call(*s.dbc, zb::Op::ColAttribute, s.remote, w);
+    if (r.rc != SQL_SUCCESS) return;  // each attribute is then asked on its own
+    for (uint32_t n = r.in.u32(); n > 0; --n) {
+        int column = r.in.i16(), field = r.in.i16();
+        SQLRETURN rc = r.in.i16();
+        std::string text = r.in.str();
+        auto number = static_cast<SQLLEN>(r.in.i64());
+        if (rc == SQL_SUCCESS) s.attributes.emplace(std::make_pair(column, field), CachedAttribute{rc, {}, text, number});
+    }
 }
 
 }  // namespace
@@ -44,17 +80,22 @@ SQLRETURN col_attribute(Stmt &s, SQLUSMALLINT column, SQLUSMALLINT field, const 
     }
     const auto key = std::make_pair(static_cast<int>(column), static_cast<int>(field));
     auto it = s.attributes.find(key);
+    if (it == s.attributes.end() && !s.attributes_loaded && column_in_range(s, column) &&
+        is_common_attribute(field)) {
+        load_common_attributes(s);
+        it = s.attributes.find(key);
+    }
     if (it == s.attributes.end()) {
         zb::Writer w;
         w.i16(static_cast<int16_t>(column));
+        w.u32(1);
         w.i16(static_cast<int16_t>(field));
         Reply r = call(*s.dbc, zb::Op::ColAttribute, s.remote, w);
-        CachedAttribute a{r.rc, r.diags, {}, 0};
-        if (SQL_SUCCEEDED(r.rc)) {
-            a.text = r.in.str();
-            a.number = static_cast<SQLLEN>(r.in.i64());
-        }
         if (!SQL_SUCCEEDED(r.rc)) return adopt(s, r);
+        r.in.u32();
+        r.in.i16();
+        r.in.i16();
+        CachedAttribute a{r.in.i16(), r.diags, r.in.str(), static_cast<SQLLEN>(r.in.i64())};
         it = s.attributes.emplace(key, a).first;
     }
     const CachedAttribute &a = it->second;

@@ -12,13 +12,21 @@ namespace {
 
 Reply stmt_call(Stmt &s, zb::Op op, zb::Writer &w) { return call(*s.dbc, op, s.remote, w); }
 
-void take_shape(Stmt &s, Reply &r, SQLRETURN rc) {
+void take_shape(Stmt &s, Reply &r, SQLRETURN rc, bool opens_cursor = true) {
     s.attributes.clear();
+    s.attributes_loaded = false;
     s.has_shape = false;
     if (!SQL_SUCCEEDED(rc) && rc != SQL_NO_DATA) return;
     if (r.in.done()) return;
     s.shape = zb::get_shape(r.in);
     s.has_shape = true;
+    for (size_t i = 0; i < s.shape.columns.size(); ++i) {
+        const auto &c = s.shape.columns[i];
+        if (c.unsigned_rc == SQL_SUCCESS)
+            s.attributes.emplace(std::make_pair(static_cast<int>(i + 1), SQL_DESC_UNSIGNED),
+                                 CachedAttribute{SQL_SUCCESS, {}, {}, static_cast<SQLLEN>(c.is_unsigned)});
+    }
+    if (opens_cursor && s.shape.column_count > 0) s.cursor_open = true;
 }
 
 bool local_attr(SQLINTEGER attr) {
@@ -93,6 +101,8 @@ SQLRETURN free_stmt(Stmt &s, SQLUSMALLINT option) {
     }
     case SQL_CLOSE: {
         s.dae = {};
+        if (!s.cursor_open) return SQL_SUCCESS;  // nothing to close on the server
+        s.cursor_open = false;
         zb::Writer w;
         w.i16(SQL_CLOSE);
         Reply r = stmt_call(s, zb::Op::FreeStmt, w);
@@ -109,7 +119,10 @@ SQLRETURN close_cursor(Stmt &s) {
     w.i16(-1);
     Reply r = stmt_call(s, zb::Op::FreeStmt, w);
     SQLRETURN rc = adopt(s, r);
-    if (SQL_SUCCEEDED(rc) && !s.prepared) s.has_shape = false;
+    if (SQL_SUCCEEDED(rc)) {
+        s.cursor_open = false;
+        if (!s.prepared) s.has_shape = false;
+    }
     return rc;
 }
 
@@ -188,7 +201,7 @@ SQLRETURN prepare(Stmt &s, const std::string &sql) {
     if (s.prepared) {
         s.num_params_rc = r.in.i16();
         s.num_params = r.in.i16();
-        take_shape(s, r, rc);
+        take_shape(s, r, rc, false);
     }
     return rc;
 }

@@ -129,6 +129,8 @@ struct Stmt : Handle {
     bool has_shape = false;
     zb::ResultShape shape;
     std::map<std::pair<int, int>, CachedAttribute> attributes;
+    bool attributes_loaded = false;  // the common ones, for every column
+    bool cursor_open = false;        // a result the server may still hold open
     bool prepared = false;
     std::optional<std::string> prepared_sql;
     SQLRETURN num_params_rc = SQL_ERROR;

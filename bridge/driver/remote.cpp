@@ -1,5 +1,6 @@
 #include "driver/remote.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -10,6 +11,21 @@ namespace {
 // The library's process-wide setup (its driver table) is not guarded: only
 // one thread may initialise or terminate a handle at a time.
 std::mutex g_library_lock;
+
+// ZEPHODBC_CALL_LOG=path makes the driver append one line per bridged call:
+// its operation. Round trips are
+// the cost of a bridge; this is how to count them from outside.
+void log_call(zb::Op op) {
+    static std::mutex lock;
+    static FILE *log = [] {
+        const char *path = std::getenv("ZEPHODBC_CALL_LOG");
+        return path != nullptr && *path != '\0' ? std::fopen(path, "a") : nullptr;
+    }();
+    if (log == nullptr) return;
+    std::lock_guard<std::mutex> guard(lock);
+    std::fprintf(log, "%s\n", zb::op_name(op));
+    std::fflush(log);
+}
 
 std::string library_error(HRPC h) {
     const char *text = nullptr;
@@ -94,6 +110,7 @@ Reply call(Dbc &dbc, zb::Op op, uint64_t handle, zb::Writer &request) {
         reply.diags.push_back(record("08S01", "the connection to the bridge server was lost"));
         return reply;
     }
+    log_call(op);
     RPCMemDesc in{};
     in.value = request.data().data();
     in.length = static_cast<int32_t>(request.size());

@@ -135,6 +135,8 @@ struct ColumnDesc {
     uint64_t size = 0;
     int16_t digits = 0;
     int16_t nullable = 0;
+    int16_t unsigned_rc = -1;  // SQLColAttribute(SQL_DESC_UNSIGNED), which most clients ask
+    int64_t is_unsigned = 0;
 };
 
 // The shape of a statement's current result, sent after everything that can
@@ -157,6 +159,8 @@ inline void put_shape(Writer &w, const ResultShape &s) {
         w.u64(c.size);
         w.i16(c.digits);
         w.i16(c.nullable);
+        w.i16(c.unsigned_rc);
+        w.i64(c.is_unsigned);
     }
     w.i16(s.rowcount_rc);
     w.i64(s.row_count);
@@ -174,6 +178,8 @@ inline ResultShape get_shape(Reader &r) {
         c.size = r.u64();
         c.digits = r.i16();
         c.nullable = r.i16();
+        c.unsigned_rc = r.i16();
+        c.is_unsigned = r.i64();
         s.columns.push_back(std::move(c));
     }
     s.rowcount_rc = r.i16();

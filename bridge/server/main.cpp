@@ -109,6 +109,7 @@ int serve_forever(int listener, const zbs::Config &config) {
             signal(SIGINT, SIG_DFL);
             close(listener);
             fcntl(fd, F_SETFD, 0);
+            // _exit: the driver manager's exit handlers belong to the parent.
             _exit(zbs::serve_descriptor(fd, config));
         }
         if (child < 0) fprintf(stderr, "zephodbc-server: fork: %s\n", strerror(errno));

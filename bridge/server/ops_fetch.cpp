@@ -114,19 +114,37 @@ void op_get_data(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &o
     w.bytes(buf.data(), SQL_SUCCEEDED(rc) ? extent(c_type, ind, buffer_length, element) : 0);
 }
 
+// Column attributes: one column or all (column 0), any number of fields, in
+// one reply. Clients that ask attributes ask many (isql: two per column).
 void op_col_attribute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
     Statement &s = stmt(obj);
-    auto column = static_cast<SQLUSMALLINT>(in.i16());
-    auto field = static_cast<SQLUSMALLINT>(in.i16());
-    std::vector<char> text(4096, 0);
-    SQLSMALLINT len = 0;
-    SQLLEN number = 0;
-    SQLRETURN rc = SQLColAttribute(s.h, column, field, text.data(),
-                                   static_cast<SQLSMALLINT>(text.size()), &len, &number);
-    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
-    size_t n = len > 0 ? std::min<size_t>(static_cast<size_t>(len), 4095) : strnlen(text.data(), 4095);
-    w.str(std::string(text.data(), n));
-    w.i64(number);
+    const auto first = static_cast<SQLUSMALLINT>(in.i16());
+    std::vector<SQLUSMALLINT> fields(in.u32());
+    for (auto &f : fields) f = static_cast<SQLUSMALLINT>(in.i16());
+    SQLUSMALLINT last = first;
+    if (first == 0) {
+        SQLSMALLINT n = 0;
+        SQLNumResultCols(s.h, &n);
+        last = static_cast<SQLUSMALLINT>(std::max<SQLSMALLINT>(n, 0));
+    }
+    const SQLUSMALLINT from = first == 0 ? 1 : first;
+    w.u32(static_cast<uint32_t>(last >= from ? (last - from + 1) * fields.size() : 0));
+    for (SQLUSMALLINT column = from; column <= last; ++column) {
+        for (SQLUSMALLINT field : fields) {
+            std::vector<char> text(4096, 0);
+            SQLSMALLINT len = 0;
+            SQLLEN number = 0;
+            SQLRETURN rc = SQLColAttribute(s.h, column, field, text.data(),
+                                           static_cast<SQLSMALLINT>(text.size()), &len, &number);
+            if (first != 0) collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+            size_t n = len > 0 ? std::min<size_t>(static_cast<size_t>(len), 4095) : strnlen(text.data(), 4095);
+            w.i16(static_cast<int16_t>(column));
+            w.i16(static_cast<int16_t>(field));
+            w.i16(rc);
+            w.str(std::string(text.data(), n));
+            w.i64(number);
+        }
+    }
 }
 
 }  // namespace zbs

@@ -110,6 +110,10 @@ void put_result_shape(zb::Writer &w, SQLHSTMT h) {
         if (SQL_SUCCEEDED(rc))
             c.name.assign(reinterpret_cast<char *>(name.data()),
                           std::min<size_t>(static_cast<size_t>(len), name.size() - 1));
+        SQLLEN is_unsigned = 0;
+        c.unsigned_rc = SQLColAttribute(h, static_cast<SQLUSMALLINT>(i), SQL_DESC_UNSIGNED, nullptr, 0,
+                                        nullptr, &is_unsigned);
+        c.is_unsigned = is_unsigned;
         s.columns.push_back(std::move(c));
     }
     SQLLEN count = -1;

@@ -41,19 +41,34 @@ class Server:
     """A zephodbc-server process; stopped (with its children) by stop()."""
 
     def __init__(self, *extra):
+        self.log = tempfile.TemporaryFile(mode="w+")
+        env = dict(os.environ)
+        if "LD_PRELOAD" in env:  # the sanitizer build: the server is ours, check it for leaks too
+            env["ASAN_OPTIONS"] = "detect_leaks=1:abort_on_error=0"
         self.proc = subprocess.Popen(
             [SERVER, "--listen", "127.0.0.1:0", *extra],
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-            start_new_session=True)
+            stdout=subprocess.PIPE, stderr=self.log, text=True,
+            start_new_session=True, env=env)
         line = self.proc.stdout.readline()
         if "listening on" not in line:
             self.stop()
-            raise RuntimeError("server did not start: " + line + self.proc.stderr.read())
+            raise RuntimeError("server did not start: " + line)
         self.port = int(line.rsplit(":", 1)[1])
 
     def children(self):
-        out = subprocess.run(["pgrep", "-P", str(self.proc.pid)], capture_output=True, text=True)
-        return [int(p) for p in out.stdout.split()]
+        """Live (not yet reaped) children of the server, read from /proc."""
+        found = []
+        for entry in os.listdir("/proc"):
+            if not entry.isdigit():
+                continue
+            try:
+                with open(f"/proc/{entry}/stat") as f:
+                    fields = f.read().rsplit(")", 1)[1].split()
+            except OSError:
+                continue
+            if int(fields[1]) == self.proc.pid and fields[0] != "Z":
+                found.append(int(entry))
+        return found
 
     def stop(self):
         if self.proc.poll() is None:
@@ -63,8 +78,13 @@ class Server:
             except subprocess.TimeoutExpired:
                 os.killpg(self.proc.pid, signal.SIGKILL)
                 self.proc.wait(timeout=10)
-        for stream in (self.proc.stdout, self.proc.stderr):
-            stream.close()
+        self.proc.stdout.close()
+        self.log.seek(0)
+        text = self.log.read()
+        self.log.close()
+        # The sanitizer build reports into the server's standard error.
+        for marker in ("ERROR: AddressSanitizer", "runtime error:", "ERROR: LeakSanitizer"):
+            assert marker not in text, text
 
 
 class Setup:

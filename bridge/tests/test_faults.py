@@ -75,6 +75,23 @@ def test_server_killed_mid_fetch_is_08s01(setup):
     assert still_serves(setup)
 
 
+def test_a_server_that_stops_answering_fails_the_call_after_the_timeout(setup):
+    server = Server()
+    conn = None
+    try:
+        conn = pyodbc.connect(setup.bridge_string(PORT=server.port, TIMEOUT=1))
+        (child,) = server.children()
+        os.kill(child, signal.SIGSTOP)  # alive, connected, silent
+        with pytest.raises(pyodbc.Error) as e:
+            conn.cursor().execute("select 1")
+        assert state_of(e) == "08S01"
+        os.kill(child, signal.SIGKILL)
+    finally:
+        if conn is not None:
+            conn.close()
+        server.stop()
+
+
 CLIENT = """
 import sys, pyodbc
 conn = pyodbc.connect(sys.argv[1])
