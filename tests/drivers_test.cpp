@@ -3,9 +3,12 @@
 // driver does on its own (connect failures, read time-outs).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
@@ -173,6 +176,29 @@ TEST_F(Tty, ReadTimeoutCountsFiveSecondsPerWait) {
     }
     EXPECT_EQ(ep->receive(), 0u);  // counted afresh: the first wait finds the packet left over
     EXPECT_EQ(ep->received(), t::bytes_of("4x"));
+}
+
+// A signal in the middle of a payload interrupts the read; the packet must
+// still arrive whole, not with a byte lost where the read was cut.
+TEST_F(Tty, ASignalDuringThePayloadLosesNothing) {
+    ASSERT_NO_FATAL_FAILURE(attach(kTty));
+    struct sigaction on_signal {}, previous{};
+    on_signal.sa_handler = [](int) {};  // no SA_RESTART: the blocked recv fails with EINTR
+    ASSERT_EQ(sigaction(SIGUSR1, &on_signal, &previous), 0);
+    const Bytes payload = t::bytes_of("abcdef");
+    Bytes head = {0, 0, 0, 6, 'a', 'b', 'c'};
+    ASSERT_TRUE(t::send_all(raw, head.data(), head.size()));
+    const pthread_t reader = pthread_self();
+    std::thread rest([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the reader is blocked by now
+        pthread_kill(reader, SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        t::send_all(raw, "def", 3);
+    });
+    EXPECT_EQ(ep->receive(), 0u) << ep->error();
+    rest.join();
+    sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_EQ(ep->received(), payload);
 }
 
 // One small and one full-size packet.

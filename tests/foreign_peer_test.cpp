@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "helpers/log_file.h"
 #include "helpers/served.h"
 
 namespace zrpc::test {
@@ -53,9 +54,9 @@ bool serve_negotiation(int fd, const std::vector<std::string> &table) {
     for (const std::string &record : table) ok = ok && send_packet(fd, record, true);
     return ok && send_packet(fd, "C", false);
 }
-bool client_negotiation(int fd) {
+bool client_negotiation(int fd, const std::string &params = kPeerParams) {
     const bool ok = recv_packet(fd) && recv_packet(fd) && recv_packet(fd) &&
-                    send_packet(fd, kPeerParams, true);
+                    send_packet(fd, params, true);
     for (auto packet = ok ? recv_packet(fd) : std::nullopt; packet; packet = recv_packet(fd))
         if (*packet == bytes_of("C")) return true;  // the end of the function table
     return false;
@@ -187,9 +188,11 @@ Bytes mix_request(uint8_t p) {
 
 // A served library handle and this peer connected to it as a client.
 struct ForeignClient {
+    explicit ForeignClient(const std::string &params = kPeerParams)
+        : negotiated(fd >= 0 && client_negotiation(fd, params)) {}
     ServedHandle server{kServerTable};
     int fd = connect_loopback_retry(server.port);
-    bool negotiated = fd >= 0 && client_negotiation(fd);
+    bool negotiated;
     ~ForeignClient() { end(); }
     int32_t end() {
         close(std::exchange(fd, -1));
@@ -214,6 +217,26 @@ TEST(ForeignClient, ServerSwapsNarrowsWidensAndIndexesForThePeer) {
     EXPECT_TRUE(g_slots[4].length == 8 && g_arr[0] == 4294967295 && g_arr[1] == 3);
     EXPECT_EQ(g_slots[5].length, 16);
     EXPECT_EQ(g_slots[9].value, peer.server.h);
+}
+
+// Popped from a 4-byte peer, a SQLLEN's trace line shows what its slot held
+// before (here the previous call's value), as a client's shows its variable's.
+TEST(ForeignClient, FourByteSqlLenTracesTheSlotsPreviousValue) {
+    reset_logs();
+    std::string params = kPeerParams;
+    params.replace(params.find("05:^"), 4, "05:a^");
+    ForeignClient peer(params);
+    ASSERT_TRUE(peer.negotiated);
+    for (int call = 0; call < 2; ++call) {
+        ASSERT_TRUE(send_packet(peer.fd, mix_request(0)));
+        ASSERT_TRUE(recv_packet(peer.fd));
+    }
+    peer.end();
+    const std::string trace = read_trace_log();
+    const auto first = trace.find("popped sqllen n ");
+    ASSERT_NE(first, std::string::npos) << trace;
+    EXPECT_EQ(trace.substr(first, 18), "popped sqllen n 0\n");
+    EXPECT_NE(trace.find("popped sqllen n -2\n", first + 1), std::string::npos) << trace;
 }
 
 TEST(ForeignClient, MalformedRequestsEndTheLoop) {

@@ -81,6 +81,14 @@ inline void *allocate_block(int64_t bytes) {
     return p;
 }
 
+// For buffers the reply sends back whole whether or not they were written:
+// zeroed, so no earlier heap contents travel.
+inline void *allocate_zeroed_block(int64_t bytes) {
+    void *p = bytes <= INT32_MAX ? std::calloc(static_cast<std::size_t>(bytes), 1) : nullptr;
+    if (p == nullptr) fail(RPC_NOMEM);
+    return p;
+}
+
 // One 8-byte variable argument per parameter entry, collected up front so
 // the push and the reply phase can both walk them from the first.
 struct CallArgs {

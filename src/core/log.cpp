@@ -1,6 +1,9 @@
 // Trace log: one process-wide stream, opened lazily, flushed per entry.
 #include "core/log.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cctype>
 #include <cstdarg>
 #include <cstdio>
@@ -92,8 +95,17 @@ char shown(unsigned char byte) {
 
 }  // namespace
 
+std::FILE *open_log_file(const char *path, bool truncate) {
+    const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (truncate ? O_TRUNC : O_APPEND);
+    const int fd = ::open(path, flags, 0666);
+    if (fd < 0) return nullptr;
+    std::FILE *f = ::fdopen(fd, truncate ? "w" : "a");
+    if (f == nullptr) ::close(fd);
+    return f;
+}
+
 void LogInit() {
-    if (lfp == nullptr) lfp = std::fopen(kTraceLogPath, "a");
+    if (lfp == nullptr) lfp = open_log_file(kTraceLogPath, false);
 }
 
 void LogClose() {

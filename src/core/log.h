@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 
 #include "zephrpc.h"
 
@@ -13,6 +14,10 @@ namespace zrpc {
 
 constexpr const char *kTraceLogPath = "/tmp/qxrpc.log";
 constexpr const char *kErrorLogPath = "/tmp/zephrpc_error.log";
+
+// Opens one of the fixed log paths as fopen would with mode "a" or "w", but
+// never through a symbolic link (another user could plant one in /tmp).
+std::FILE *open_log_file(const char *path, bool truncate);
 
 void LogInit();
 void LogClose();

@@ -50,7 +50,7 @@ void dump_area(std::FILE *log, const char *area) {
 }
 
 void write_error_log(HRPC h, const char *param_area, const char *version_area) {
-    std::FILE *log = std::fopen(kErrorLogPath, "w");
+    std::FILE *log = open_log_file(kErrorLogPath, true);
     if (!log) return;
     const PeerParam *p = h->peer_params;
     for (; p && p->number != 0; p = p->next) {

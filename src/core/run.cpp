@@ -56,7 +56,7 @@ void pop_capacity(HRPC h, RPCParam &e) {
         if (bytes > INT32_MAX) fail(RPC_NOMEM);
         e.length = static_cast<int32_t>(bytes);
     }
-    e.value = allocate_block(bytes);
+    e.value = allocate_zeroed_block(bytes);
 }
 
 // Pops one scalar and keeps it in the entry's value word.
@@ -89,9 +89,9 @@ void pop_argument(HRPC h, RPCParam &e) {
     } else if (f & RPC_INT64) {
         pop_into_slot<int64_t>(h, e, RPCPopInt64);
     } else if (f & RPC_SQLLEN) {
-        pop_into_slot<int64_t>(h, e, RPCPopSqlLen);
+        RPCPopSqlLen(h, reinterpret_cast<int64_t *>(&e.value), e.name);
     } else if (f & RPC_SQLULEN) {
-        pop_into_slot<uint64_t>(h, e, RPCPopSqlULen);
+        RPCPopSqlULen(h, reinterpret_cast<uint64_t *>(&e.value), e.name);
     } else {
         pop_input_block(h, e);
     }

@@ -67,6 +67,13 @@ int32_t send_descriptor(HRPC h, const RPCFuncDesc &desc) {
     return record.send(h) ? 0 : RPC_ETRANSPORT;
 }
 
+// Whether an entry before `i` already ended the parameter list.
+bool ended_at(const RPCFuncDesc *desc, int i) {
+    for (int k = 0; k < i; ++k)
+        if (desc->params[k].flags == 0) return true;
+    return false;
+}
+
 // Reads the parameter groups that follow the function part into `desc`.
 int32_t import_parameters(RPCFuncDesc *desc, char **cursor, const char *last) {
     for (int i = 0;; ++i) {
@@ -75,14 +82,15 @@ int32_t import_parameters(RPCFuncDesc *desc, char **cursor, const char *last) {
         const char *length = rpcstrtok(cursor, '!', last);
         const char *name = length ? rpcstrtok(cursor, '!', last) : nullptr;
         if (!name) return RPC_FUNCFAIL;
-        // More than the entries can hold, or a flags word of 0 that would
-        // end the list early, is not a table this library sends.
+        // More than the entries can hold is not a table this library sends.
         if (i >= kMaxParams) return RPC_FUNCFAIL;
         RPCParam &param = desc->params[i];
         param.flags = static_cast<uint32_t>(std::atoi(flags));
-        if (param.flags == 0) return RPC_FUNCFAIL;
         param.length = std::atoi(length);
-        if (*name) {
+        // A flags word of 0 ends the list: entries after it are never read,
+        // and their names would never be freed.
+        const bool beyond_end = i > 0 && ended_at(desc, i);
+        if (*name && param.flags != 0 && !beyond_end) {
             param.name = strdup(name);
             if (!param.name) return RPC_NOMEM;
         }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "core/log.h"
@@ -17,10 +18,13 @@ namespace {
 constexpr uint32_t kSignedSqlLenArray = RPC_SQLLEN_ARRAY;
 constexpr uint32_t kSqlLenArrays = RPC_SQLLEN_ARRAY | RPC_SQLULEN_ARRAY;
 
-// Byte length of a descriptor's payload. -3 marks a NUL-terminated string; a
-// null buffer has nothing to send, whatever length it claims.
+// Byte length of a descriptor's payload. -3 marks a NUL-terminated string
+// (0 when the buffer is null). A null buffer has no bytes to send: a length
+// of 1 or more becomes 0, a length below 1 goes as it is.
 int32_t payload_length(const RPCMemDesc &desc, bool string_marker) {
-    if (desc.value == nullptr) return 0;
+    if (desc.value == nullptr) {
+        return desc.length < 1 && !(string_marker && desc.length == -3) ? desc.length : 0;
+    }
     if (string_marker && desc.length == -3) {
         return static_cast<int32_t>(std::strlen(static_cast<const char *>(desc.value)) + 1);
     }
@@ -209,12 +213,16 @@ void RPCPopArray(HRPC h, int32_t wire_length, int32_t dest_length, void *dest,
     }
     // 4-byte elements from the wire, widened into the 8-byte destination:
     // signed only for a plain SQLLEN array (flags exactly RPC_SQLLEN_ARRAY).
-    std::vector<uint8_t> work(static_cast<std::size_t>(std::max(dest_length, 0)));
-    read_payload(h, compresses(h, dest_length / 2), wire_length, work.data(), dest_length,
-                 on_chunk);
+    // The work buffer is written only by the payload as it arrives (never
+    // filled ahead of it), so a large announced length costs nothing until
+    // the bytes are really there.
+    const int32_t narrow_length = std::max(dest_length, 0) / 2;
+    std::unique_ptr<uint8_t[]> work(new uint8_t[static_cast<std::size_t>(narrow_length) + 1]);
+    const int32_t stored = read_payload(h, compresses(h, narrow_length), wire_length, work.get(),
+                                        narrow_length, on_chunk);
     const bool is_signed = type_flags == kSignedSqlLenArray;
     auto *out = static_cast<uint8_t *>(dest);
-    for (std::size_t i = 0; i < work.size() / 8; ++i) {
+    for (std::size_t i = 0; i < static_cast<std::size_t>(std::max(stored, 0)) / 4; ++i) {
         uint32_t narrow;
         std::memcpy(&narrow, &work[i * 4], 4);
         const uint64_t wide = is_signed ? static_cast<uint64_t>(static_cast<int64_t>(

@@ -4,6 +4,7 @@
 
 #include "marshal/variant.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <cstdio>
@@ -245,12 +246,10 @@ void pop_server(HRPC h, RPCVariant **elements, int32_t *count, uint32_t flags) {
     int32_t n = 0;
     RPCPopInt32(h, &n, "wvarray_elems");
     if (count != nullptr) *count = n;
-    RPCVariant *records = nullptr;
-    if (n > 0) {
-        records = static_cast<RPCVariant *>(std::calloc(static_cast<std::size_t>(n),
-                                                         sizeof(RPCVariant)));
-        if (records == nullptr) fail(RPC_NOMEM);
-    }
+    // Non-null even for 0 elements: the reply pushes the records back.
+    auto *records = static_cast<RPCVariant *>(
+        std::calloc(static_cast<std::size_t>(std::max(n, 1)), sizeof(RPCVariant)));
+    if (records == nullptr) fail(RPC_NOMEM);
     // A client sends only the count for an array that is neither in nor out;
     // its elements then stay empty records for the function to look at.
     const bool elements_follow = (flags & (RPC_IN | RPC_OUT)) != 0;

@@ -110,7 +110,10 @@ int32_t TTYrecv(void *conn, void *buffer, uint32_t size, uint32_t *length) {
     if (wait_for_packet(c) != 0) return 1;
 
     uint8_t raw[4];
-    ssize_t got = recv(c.descriptor, raw, 4, 0);
+    ssize_t got;
+    do {
+        got = recv(c.descriptor, raw, 4, 0);
+    } while (got < 0 && errno == EINTR);
     if (got != 4) {
         set_message(c, "Failed to read data \n recv(..,4,...)=%d - short read", static_cast<int>(got));
         return 1;
@@ -143,18 +146,14 @@ int32_t TTYrecv(void *conn, void *buffer, uint32_t size, uint32_t *length) {
         ssize_t n = recv(c.descriptor, base + pos, static_cast<std::size_t>(remaining), 0);
         if (n == 0) return 1;  // end of stream inside the payload
         if (n < 0) {
-            // A failed read gives up one byte of progress and retries; at the
-            // start of the buffer there is none to give, so stop.
+            // A signal only interrupts the wait; any other error ends the
+            // receive (going on would hand back a corrupted payload).
             int err = errno;
-            if (pos == 0) {
-                set_message(c, "Failed to read data \n recv(..,%d,...)=%d - errno=%d(%s)\n",
-                            static_cast<int>(remaining), static_cast<int>(n), err,
-                            ErrorText(err).get());
-                return 1;
-            }
-            --pos;
-            ++remaining;
-            continue;
+            if (err == EINTR) continue;
+            set_message(c, "Failed to read data \n recv(..,%d,...)=%d - errno=%d(%s)\n",
+                        static_cast<int>(remaining), static_cast<int>(n), err,
+                        ErrorText(err).get());
+            return 1;
         }
         pos += static_cast<int32_t>(n);
         remaining -= static_cast<int32_t>(n);

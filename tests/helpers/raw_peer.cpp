@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <random>
 
 namespace zrpc::test {
 namespace {
@@ -58,8 +59,20 @@ int Listener::accept_one(int timeout_ms) {
     return accept(fd_, nullptr, nullptr);
 }
 
+// Below the kernel's ephemeral range (32768 and up here): ports the kernel
+// hands to outgoing connections and port-0 listeners of other suites running
+// in parallel can then never take the one picked here before its user binds it.
 uint16_t free_port() {
-    Listener probe;  // the kernel hands out a fresh port; it is free once closed
+    static std::mt19937 pick(std::random_device{}());
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        const auto port = static_cast<uint16_t>(std::uniform_int_distribution<int>(20000, 32000)(pick));
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr = loopback(port);
+        const bool free = bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+        close(fd);
+        if (free) return port;
+    }
+    Listener probe;  // every pick taken: let the kernel choose
     return probe.port();
 }
 

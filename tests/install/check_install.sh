@@ -13,7 +13,7 @@ libdir=$(dirname "$(find "$prefix" -name 'libzephrpc.so' | head -n 1)")
 test -L "$libdir/libzephrpc.so" && test -e "$libdir/libzephrpc.so.1"
 
 extra=()
-if ldd "$libdir/libzephrpc.so" | grep -q asan; then
+if ldd "$libdir/libzephrpc.so" | grep asan >/dev/null; then  # not -q: pipefail would see ldd's SIGPIPE
   extra=(-fsanitize=address,undefined)
 fi
 
