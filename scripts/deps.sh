@@ -2,7 +2,8 @@
 # Installs the Debian 12 packages the build needs, skipping those present.
 set -euo pipefail
 packages=(g++ make cmake pkg-config liblzo2-dev libgtest-dev libgmock-dev libbenchmark-dev
-          unixodbc unixodbc-dev libsqliteodbc python3-pyodbc python3-pytest sqlite3)
+          unixodbc unixodbc-dev libsqliteodbc python3-pyodbc python3-pytest sqlite3
+          clang libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

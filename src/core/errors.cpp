@@ -78,6 +78,17 @@ void set_error_text(rpc_handle *h, const char *text) {
 
 }  // namespace zrpc
 
+namespace zrpc {
+
+bool prescribed_abort_throws = false;
+
+void prescribed_abort(const char *why) {
+    if (prescribed_abort_throws) throw PrescribedAbort{why};
+    std::abort();
+}
+
+}  // namespace zrpc
+
 extern "C" int32_t RPCReportError(HRPC h, const char **message) {
     using namespace zrpc;
     for (const ErrorRow *row = rpc_errmap; row->code != -1; ++row) {

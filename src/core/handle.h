@@ -116,6 +116,8 @@ struct rpc_handle {
     uint64_t private_flags;
 
     // --- compression areas (no allocation on the hot path)
+    // Scratch space, written before it is read: RPCAllocHandle leaves it
+    // unzeroed. Keep these last.
     uint8_t compress_out[zrpc::kCompressOutSize];
     uint8_t decompress_in[zrpc::kDecompressInSize];
     alignas(16) uint8_t lzo_work[LZO1X_1_MEM_COMPRESS];
@@ -130,6 +132,17 @@ struct RpcError {
 };
 
 [[noreturn]] inline void fail(int32_t code) { throw RpcError{code}; }
+
+// The few places where the design ends the process instead of failing the
+// call (an unknown variant tag, a reply for another array, an argument
+// cursor past its entries, an LZO compressor error) all end here. Fuzz
+// targets set prescribed_abort_throws, so that these throw PrescribedAbort
+// (and the entry points fail the call) and a fuzzer tells them from crashes.
+struct PrescribedAbort {
+    const char *why;
+};
+extern bool prescribed_abort_throws;
+[[noreturn]] void prescribed_abort(const char *why);
 
 // Stores `code` in the handle and returns 1, the failure result of the API.
 inline int32_t set_error(rpc_handle *h, int32_t code) {

@@ -92,7 +92,7 @@ extern "C" ZEPHRPC_API void *__RPCextractarg(RPCParam **cursor) {
     else if (is_block(e->flags))
         arg = e;
     else
-        std::abort();  // past the last parameter, or an entry of no known type
+        prescribed_abort("argument cursor past its entries");
     *cursor = e + 1;
     return arg;
 }
@@ -117,7 +117,7 @@ extern "C" ZEPHRPC_API void __RPCsetarg(RPCParam **cursor, ...) {
         slot_set(*e, va_arg(ap, int64_t));
     } else {
         va_end(ap);
-        std::abort();  // RPC_HANDLE, past the end, or no known type
+        prescribed_abort("argument cursor on an entry it cannot set");
     }
     va_end(ap);
     *cursor = e + 1;

@@ -30,7 +30,7 @@ uint32_t compress_buffer(HRPC h, const void *bytes, uint32_t length, void *outpu
     lzo_uint out_len = 0;
     const int rc = lzo1x_1_compress(static_cast<const lzo_bytep>(bytes), length,
                                     static_cast<lzo_bytep>(output), &out_len, h->lzo_work);
-    if (rc != LZO_E_OK) std::abort();  // the compressor cannot fail on valid input
+    if (rc != LZO_E_OK) prescribed_abort("LZO compressor error");  // cannot fail on valid input
     return static_cast<uint32_t>(out_len);
 }
 

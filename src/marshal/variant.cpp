@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "marshal/block.h"
 #include "marshal/frame.h"
@@ -78,7 +79,7 @@ bool is_sqllen_array(uint32_t code) {
 
 // Codes that can travel; anything else (0x80 included) ends the process.
 void require_known(uint32_t code) {
-    if (code != RPC_V_NONE && scalar_width(code) == 0 && !is_block(code)) std::abort();
+    if (code != RPC_V_NONE && scalar_width(code) == 0 && !is_block(code)) prescribed_abort("unknown variant tag");
 }
 
 // A scalar element's value; a null buffer sends 0 to keep the stream aligned.
@@ -128,7 +129,7 @@ void push_full(HRPC h, const RPCVariant &e, const char *name) {
         case RPC_V_INT64_ARRAY: RPCPushInt64Array(h, name, desc_of(e)); break;
         case RPC_V_SQLLEN_ARRAY: RPCPushSqlLenArray(h, name, desc_of(e)); break;
         case RPC_V_SQLULEN_ARRAY: RPCPushSqlULenArray(h, name, desc_of(e)); break;
-        default: std::abort();
+        default: prescribed_abort("variant tag not allowed here");
     }
 }
 
@@ -213,7 +214,14 @@ void pop_server_element(HRPC h, RPCVariant &e, bool in, const char *name) {
     if (!is_block(e.type)) return;
     const BlockHeader header = pop_block_header(h, e.type, in, name);
     e.length = header.length;
-    if (header.length > 0) e.data = alloc_zeroed(static_cast<std::size_t>(header.length));
+    // An output element's room is zeroed (it goes back whole); an input
+    // element's is filled by its payload as the bytes arrive, so a length
+    // announced but never sent costs no resident memory.
+    if (header.length > 0) {
+        const auto size = static_cast<std::size_t>(header.length);
+        e.data = in ? std::malloc(size) : std::calloc(1, size);
+        if (e.data == nullptr) fail(RPC_NOMEM);
+    }
     if (in) pop_payload(h, e, header, name);
 }
 
@@ -246,21 +254,29 @@ void pop_server(HRPC h, RPCVariant **elements, int32_t *count, uint32_t flags) {
     int32_t n = 0;
     RPCPopInt32(h, &n, "wvarray_elems");
     if (count != nullptr) *count = n;
-    // Non-null even for 0 elements: the reply pushes the records back.
-    auto *records = static_cast<RPCVariant *>(
-        std::calloc(static_cast<std::size_t>(std::max(n, 1)), sizeof(RPCVariant)));
-    if (records == nullptr) fail(RPC_NOMEM);
     // A client sends only the count for an array that is neither in nor out;
     // its elements then stay empty records for the function to look at.
     const bool elements_follow = (flags & (RPC_IN | RPC_OUT)) != 0;
+    // Elements that follow are gathered as they arrive, so the records cost
+    // what the peer really sent, not what it announced.
+    std::vector<RPCVariant> arrived;
     try {
         for (int32_t i = 0; elements_follow && i < n; ++i) {
-            pop_server_element(h, records[i], (flags & RPC_IN) != 0, ElementName(i).text);
+            arrived.push_back(RPCVariant{});
+            pop_server_element(h, arrived.back(), (flags & RPC_IN) != 0, ElementName(i).text);
         }
     } catch (...) {
-        free_wvarray(records, n);  // a failed call leaves nothing allocated
+        for (RPCVariant &e : arrived) std::free(e.data);  // a failed call leaves nothing allocated
         throw;
     }
+    // Non-null even for 0 elements: the reply pushes the records back.
+    auto *records = static_cast<RPCVariant *>(
+        std::calloc(static_cast<std::size_t>(std::max(n, 1)), sizeof(RPCVariant)));
+    if (records == nullptr) {
+        for (RPCVariant &e : arrived) std::free(e.data);
+        fail(RPC_NOMEM);
+    }
+    if (!arrived.empty()) std::memcpy(records, arrived.data(), arrived.size() * sizeof(RPCVariant));
     if (elements != nullptr) *elements = records;
     else free_wvarray(records, n);
 }
@@ -268,10 +284,10 @@ void pop_server(HRPC h, RPCVariant **elements, int32_t *count, uint32_t flags) {
 void pop_client(HRPC h, RPCVariant **elements, const int32_t *count) {
     int32_t n = 0;
     RPCPopInt32(h, &n, "wvarray_elems");
-    if (count == nullptr || n != *count) std::abort();  // the reply is not for this array
+    if (count == nullptr || n != *count) prescribed_abort("reply count differs from the array");
     if (n < 1) return;
     RPCVariant *records = elements != nullptr ? *elements : nullptr;
-    if (records == nullptr) std::abort();
+    if (records == nullptr) prescribed_abort("no records for the reply");
     for (int32_t i = 0; i < n; ++i) pop_client_element(h, records[i], ElementName(i).text);
 }
 
@@ -281,7 +297,7 @@ uint8_t bitno(uint32_t code) { return static_cast<uint8_t>(std::bit_width(code))
 
 void RPCPushWVArray(HRPC h, uint32_t type_flags, const char *, RPCMemDesc desc) {
     const auto *records = static_cast<const RPCVariant *>(desc.value);
-    if (records == nullptr) std::abort();
+    if (records == nullptr) prescribed_abort("no variant records to send");
     const int32_t n = desc.length;
     RPCPushInt32(h, n, "wvarray_elems");
     const Form form = form_for(h, type_flags);
