@@ -39,7 +39,7 @@ void load_common_attributes(Stmt &s) {
     w.i16(0);
     w.u32(static_cast<uint32_t>(std::size(kCommonAttributes)));
     for (auto f : kCommonAttributes) w.i16(static_cast<int16_t>(f));
-    Reply r = call(*s.dbc, zb::Op::ColAttribute, s.remote, w);
+    Reply r = call(s, zb::Op::ColAttribute, w);
     if (r.rc != SQL_SUCCESS) return;  // each attribute is then asked on its own
     for (uint32_t n = r.in.u32(); n > 0; --n) {
         int column = r.in.i16(), field = r.in.i16();
@@ -90,7 +90,7 @@ SQLRETURN col_attribute(Stmt &s, SQLUSMALLINT column, SQLUSMALLINT field, const 
         w.i16(static_cast<int16_t>(column));
         w.u32(1);
         w.i16(static_cast<int16_t>(field));
-        Reply r = call(*s.dbc, zb::Op::ColAttribute, s.remote, w);
+        Reply r = call(s, zb::Op::ColAttribute, w);
         if (!SQL_SUCCEEDED(r.rc)) return adopt(s, r);
         r.in.u32();
         r.in.i16();
@@ -122,7 +122,7 @@ SQLRETURN fetch(Stmt &s, bool scroll, SQLSMALLINT orientation, SQLLEN offset) {
         w.i16(b.c_type);
         w.i64(b.length);
     }
-    Reply r = call(*s.dbc, zb::Op::Fetch, s.remote, w);
+    Reply r = call(s, zb::Op::Fetch, w);
     SQLRETURN rc = adopt(s, r);
     SQLULEN rows = 0;
     if (rc != SQL_INVALID_HANDLE && !r.in.done()) {
@@ -157,7 +157,7 @@ SQLRETURN get_data(Stmt &s, SQLUSMALLINT column, SQLSMALLINT c_type, SQLPOINTER 
     w.i16(static_cast<int16_t>(column));
     w.i16(c_type);
     w.i64(data == nullptr ? 0 : length);
-    Reply r = call(*s.dbc, zb::Op::GetData, s.remote, w);
+    Reply r = call(s, zb::Op::GetData, w);
     SQLRETURN rc = adopt(s, r);
     if (SQL_SUCCEEDED(rc) && !r.in.done()) {
         SQLLEN ind = static_cast<SQLLEN>(r.in.i64());

@@ -10,7 +10,7 @@
 namespace zbd {
 namespace {
 
-Reply stmt_call(Stmt &s, zb::Op op, zb::Writer &w) { return call(*s.dbc, op, s.remote, w); }
+Reply stmt_call(Stmt &s, zb::Op op, zb::Writer &w) { return call(s, op, w); }
 
 void take_shape(Stmt &s, Reply &r, SQLRETURN rc, bool opens_cursor = true) {
     s.attributes.clear();
@@ -99,16 +99,15 @@ SQLRETURN free_stmt(Stmt &s, SQLUSMALLINT option) {
         delete &s;
         return SQL_SUCCESS;
     }
-    case SQL_CLOSE: {
+    case SQL_CLOSE:
+        // Closing a cursor cannot fail in a way the application could act
+        // on; the server closes it with the next call on this statement
+        // (applications close before every execute: no round trip for it).
         s.dae = {};
-        if (!s.cursor_open) return SQL_SUCCESS;  // nothing to close on the server
+        if (s.cursor_open) s.close_pending = true;
         s.cursor_open = false;
-        zb::Writer w;
-        w.i16(SQL_CLOSE);
-        Reply r = stmt_call(s, zb::Op::FreeStmt, w);
         if (!s.prepared) s.has_shape = false;
-        return adopt(s, r);
-    }
+        return SQL_SUCCESS;
     default:
         return add_diag(s, "HY092", "Invalid attribute/option identifier");
     }

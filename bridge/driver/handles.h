@@ -131,6 +131,7 @@ struct Stmt : Handle {
     std::map<std::pair<int, int>, CachedAttribute> attributes;
     bool attributes_loaded = false;  // the common ones, for every column
     bool cursor_open = false;        // a result the server may still hold open
+    bool close_pending = false;      // closed here, not yet on the server
     bool prepared = false;
     std::optional<std::string> prepared_sql;
     SQLRETURN num_params_rc = SQL_ERROR;

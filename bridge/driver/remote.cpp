@@ -137,6 +137,20 @@ Reply call(Dbc &dbc, zb::Op op, uint64_t handle, zb::Writer &request) {
     return reply;
 }
 
+Reply call(Stmt &s, zb::Op op, zb::Writer &request) {
+    const bool carries_close = op == zb::Op::Execute || op == zb::Op::Prepare || op == zb::Op::Catalog;
+    if (carries_close) {
+        request.data().insert(request.data().begin(), static_cast<uint8_t>(s.close_pending));
+    } else if (s.close_pending && op != zb::Op::FreeStmt) {
+        zb::Writer close;
+        close.i16(SQL_CLOSE);
+        Reply closed = call(*s.dbc, zb::Op::FreeStmt, s.remote, close);
+        if (s.dbc->broken) return closed;
+    }
+    s.close_pending = false;
+    return call(*s.dbc, op, s.remote, request);
+}
+
 SQLRETURN adopt(Handle &h, Reply &reply) {
     for (auto &d : reply.diags) h.diag.records.push_back(std::move(d));
     reply.diags.clear();

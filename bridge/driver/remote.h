@@ -27,6 +27,12 @@ void close_transport(Dbc &dbc);
 // are not yet stored anywhere; see adopt().
 Reply call(Dbc &dbc, zb::Op op, uint64_t handle, zb::Writer &request);
 
+// Calls op for statement s. A cursor close the driver deferred (see
+// free_stmt) travels first: inside the request of an execute, prepare or
+// catalog call (whose first byte says so), as a call of its own before any
+// other operation.
+Reply call(Stmt &s, zb::Op op, zb::Writer &request);
+
 // Stores a reply's diagnostics as the handle's and returns its code.
 SQLRETURN adopt(Handle &h, Reply &reply);
 

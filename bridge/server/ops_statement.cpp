@@ -11,6 +11,12 @@ namespace {
 
 Statement &stmt(void *obj) { return *static_cast<Statement *>(obj); }
 
+// Execute, prepare and catalog requests begin with the driver's deferred
+// cursor close.
+void close_if_asked(Statement &s, zb::Reader &in) {
+    if (in.u8() != 0) SQLFreeStmt(s.h, SQL_CLOSE);
+}
+
 struct ParamSpec {
     SQLUSMALLINT number;
     SQLSMALLINT io, c_type, sql_type, digits;
@@ -88,6 +94,7 @@ void op_get_stmt_attr(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outco
 
 void op_prepare(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
     Statement &s = stmt(obj);
+    close_if_asked(s, in);
     std::string sql = in.str();
     SQLRETURN rc = SQLPrepare(s.h, (SQLCHAR *)sql.data(), static_cast<SQLINTEGER>(sql.size()));
     collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
@@ -100,6 +107,7 @@ void op_prepare(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
 
 void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
     Statement &s = stmt(obj);
+    close_if_asked(s, in);
     const bool direct = in.u8() != 0;
     std::string sql;
     if (direct) sql = in.str();
@@ -183,6 +191,7 @@ void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
 
 void op_catalog(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
     Statement &s = stmt(obj);
+    close_if_asked(s, in);
     auto fn = static_cast<zb::CatalogFn>(in.i32());
     std::vector<std::optional<std::string>> t(in.u32());
     for (auto &x : t) x = in.opt_str();

@@ -1,0 +1,48 @@
+"""Round trips are a bridge's cost: calls the driver can answer from what it
+already knows must not reach the server. Counted with ZEPHODBC_CALL_LOG in a
+client process of its own (the driver reads the variable once)."""
+import json
+import os
+import subprocess
+import sys
+import tempfile
+
+CLIENT = r"""
+import json, sys, pyodbc
+pyodbc.pooling = False
+log = sys.argv[2]
+def calls():
+    with open(log) as f:
+        return [line.strip() for line in f]
+def mark():
+    open(log, "w").close()
+conn = pyodbc.connect(sys.argv[1])
+cur = conn.cursor()
+cur.execute("create table rt(a integer, b text, c real)")
+cur.executemany("insert into rt values (?, ?, ?)", [(i, str(i), i / 2) for i in range(3)])
+conn.commit()
+out = {}
+mark(); cur.execute("select 1").fetchone(); out["select 1, fresh cursor"] = calls()
+mark(); cur.execute("select 1").fetchone(); out["select 1, reused cursor"] = calls()
+mark(); cur.execute("select a, b, c from rt").fetchall(); out["3 rows"] = calls()
+mark(); d = cur.execute("select a, b, c from rt").description; out["description"] = calls()
+cur.execute("drop table rt")
+conn.commit()
+print(json.dumps(out))
+"""
+
+
+def test_calls_the_driver_answers_itself_make_no_round_trip(setup):
+    with tempfile.NamedTemporaryFile() as log:
+        env = dict(os.environ, ZEPHODBC_CALL_LOG=log.name)
+        out = subprocess.run([sys.executable, "-c", CLIENT, setup.bridge_string(), log.name],
+                             capture_output=True, text=True, env=env, timeout=60)
+    assert out.returncode == 0, out.stderr
+    calls = json.loads(out.stdout)
+    # Execute brings the column descriptions, row count and SQL_DESC_UNSIGNED;
+    # the cursor close before a re-execute travels with the execute.
+    assert calls["select 1, fresh cursor"] == ["zb_execute", "zb_fetch", "zb_get_data"]
+    assert calls["select 1, reused cursor"] == ["zb_execute", "zb_fetch", "zb_get_data"]
+    assert calls["description"] == ["zb_execute"]
+    assert calls["3 rows"] == ["zb_execute"] + ["zb_fetch"] + ["zb_get_data"] * 3 + \
+        (["zb_fetch"] + ["zb_get_data"] * 3) * 2 + ["zb_fetch"]
