@@ -139,6 +139,7 @@ int main(int argc, char **argv) {
     if (inetd) return zbs::serve_descriptor(0, config);
     int listener = open_listener(listen_at);
     if (listener < 0) return 1;
+    zbs::preload_drivers(config);
     print_address(listener);
     return serve_forever(listener, config);
 }

@@ -92,6 +92,9 @@ Handler handler_for(zb::Op op);
 // Encodes what SQLNumResultCols, SQLDescribeCol and SQLRowCount report.
 void put_result_shape(zb::Writer &w, SQLHSTMT h);
 
+// Loads the served data sources' drivers once, before children are forked.
+void preload_drivers(const Config &config);
+
 // Serves one connected client on descriptor fd until it leaves.
 int serve_descriptor(int fd, const Config &config);
 

@@ -5,6 +5,7 @@ directory) with two data sources over the same database file: "direct", the
 SQLite ODBC driver in-process, and "bridge", the bridge driver reaching the
 same DSN through a zephodbc-server started here on a free loopback port.
 """
+import ctypes
 import glob
 import os
 import shutil
@@ -37,6 +38,16 @@ def sqlite_driver():
     pytest.exit("the SQLite ODBC driver (libsqliteodbc) is not installed", 2)
 
 
+_libc = ctypes.CDLL(None, use_errno=True)
+PR_SET_PDEATHSIG = 1
+
+
+def _die_with_parent():
+    # Should this test process die before its fixtures stop the server (a
+    # crash, a kill), the server is told to stop too.
+    _libc.prctl(PR_SET_PDEATHSIG, signal.SIGTERM)
+
+
 class Server:
     """A zephodbc-server process; stopped (with its children) by stop()."""
 
@@ -48,7 +59,7 @@ class Server:
         self.proc = subprocess.Popen(
             [SERVER, "--listen", "127.0.0.1:0", *extra],
             stdout=subprocess.PIPE, stderr=self.log, text=True,
-            start_new_session=True, env=env)
+            start_new_session=True, env=env, preexec_fn=_die_with_parent)
         line = self.proc.stdout.readline()
         if "listening on" not in line:
             self.stop()

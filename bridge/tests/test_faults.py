@@ -12,7 +12,7 @@ import time
 import pyodbc
 import pytest
 
-from conftest import DRIVER, SERVER, Server
+from conftest import DRIVER, SERVER, Server, _die_with_parent
 
 SQL_INVALID_HANDLE = -2
 COUNTING = ("with recursive s(n) as (select 1 union all select n + 1 from s where n < 100000) "
@@ -184,7 +184,8 @@ def test_inetd_mode_serves_the_connection_on_its_standard_input(setup):
     thread = threading.Thread(target=client)
     thread.start()
     accepted, _ = listener.accept()
-    server = subprocess.Popen([SERVER, "--inetd"], stdin=accepted, stderr=subprocess.PIPE)
+    server = subprocess.Popen([SERVER, "--inetd"], stdin=accepted, stderr=subprocess.PIPE,
+                              preexec_fn=_die_with_parent)
     accepted.close()
     listener.close()
     thread.join(timeout=30)
