@@ -1,0 +1,96 @@
+"""Bound columns fetched in row arrays, column-wise and row-wise, with a
+bind offset: the driver writes the application's buffers itself. No Python
+client binds columns, so this drives the driver manager through ctypes,
+directly and through the bridge, and compares what lands in the buffers."""
+import ctypes
+import ctypes.util
+
+import pytest
+
+odbc = ctypes.CDLL(ctypes.util.find_library("odbc"))
+SQLHANDLE, SQLLEN = ctypes.c_void_p, ctypes.c_int64
+SQL_HANDLE_ENV, SQL_HANDLE_DBC, SQL_HANDLE_STMT = 1, 2, 3
+SQL_ATTR_ODBC_VERSION, SQL_OV_ODBC3 = 200, 3
+SQL_ATTR_ROW_ARRAY_SIZE, SQL_ATTR_ROW_BIND_TYPE, SQL_ATTR_ROW_BIND_OFFSET_PTR = 27, 5, 23
+SQL_ATTR_ROWS_FETCHED_PTR, SQL_ATTR_ROW_STATUS_PTR = 26, 25
+SQL_C_SLONG, SQL_C_CHAR, SQL_FETCH_NEXT, SQL_NTS, SQL_NO_DATA = -16, 1, 1, -3, 100
+for name in ("SQLSetStmtAttr", "SQLBindCol", "SQLExecDirect", "SQLFetchScroll", "SQLSetEnvAttr",
+             "SQLDriverConnect", "SQLAllocHandle", "SQLFreeHandle", "SQLDisconnect"):
+    getattr(odbc, name).restype = ctypes.c_short
+odbc.SQLSetStmtAttr.argtypes = [SQLHANDLE, ctypes.c_int, ctypes.c_void_p, ctypes.c_int]
+odbc.SQLBindCol.argtypes = [SQLHANDLE, ctypes.c_ushort, ctypes.c_short, ctypes.c_void_p, SQLLEN, ctypes.c_void_p]
+odbc.SQLFetchScroll.argtypes = [SQLHANDLE, ctypes.c_short, SQLLEN]
+odbc.SQLExecDirect.argtypes = [SQLHANDLE, ctypes.c_char_p, ctypes.c_int]
+odbc.SQLSetEnvAttr.argtypes = [SQLHANDLE, ctypes.c_int, ctypes.c_void_p, ctypes.c_int]
+odbc.SQLAllocHandle.argtypes = [ctypes.c_short, SQLHANDLE, ctypes.POINTER(SQLHANDLE)]
+odbc.SQLFreeHandle.argtypes = [ctypes.c_short, SQLHANDLE]
+odbc.SQLDisconnect.argtypes = [SQLHANDLE]
+odbc.SQLDriverConnect.argtypes = [SQLHANDLE, ctypes.c_void_p, ctypes.c_char_p, ctypes.c_short,
+                                  ctypes.c_void_p, ctypes.c_short, ctypes.c_void_p, ctypes.c_ushort]
+
+ROWS, TEXT = 3, 8  # rows per fetch; room for a text value (longer ones are cut)
+
+
+class Row(ctypes.Structure):  # one row of a row-wise binding
+    _fields_ = [("n", ctypes.c_int32), ("n_ind", SQLLEN), ("t", ctypes.c_char * TEXT), ("t_ind", SQLLEN)]
+
+
+def ok(rc):
+    assert rc in (0, 1), rc  # SQL_SUCCESS or SQL_SUCCESS_WITH_INFO
+    return rc
+
+
+def fetch_all(connection_string, row_wise):
+    env, dbc, stmt = SQLHANDLE(), SQLHANDLE(), SQLHANDLE()
+    ok(odbc.SQLAllocHandle(SQL_HANDLE_ENV, None, ctypes.byref(env)))
+    ok(odbc.SQLSetEnvAttr(env, SQL_ATTR_ODBC_VERSION, SQL_OV_ODBC3, 0))
+    ok(odbc.SQLAllocHandle(SQL_HANDLE_DBC, env, ctypes.byref(dbc)))
+    ok(odbc.SQLDriverConnect(dbc, None, connection_string.encode(), SQL_NTS, None, 0, None, 0))
+    ok(odbc.SQLAllocHandle(SQL_HANDLE_STMT, dbc, ctypes.byref(stmt)))
+    ok(odbc.SQLExecDirect(stmt, b"with recursive s(n) as (select 1 union all select n + 1 from s where n < 7) "
+                                b"select n, case when n % 3 = 0 then null else 'value number ' || n end from s",
+                          SQL_NTS))
+    fetched = ctypes.c_uint64()
+    status = (ctypes.c_uint16 * ROWS)()
+    offset = SQLLEN(0)
+    ok(odbc.SQLSetStmtAttr(stmt, SQL_ATTR_ROW_ARRAY_SIZE, ROWS, 0))
+    ok(odbc.SQLSetStmtAttr(stmt, SQL_ATTR_ROWS_FETCHED_PTR, ctypes.addressof(fetched), 0))
+    ok(odbc.SQLSetStmtAttr(stmt, SQL_ATTR_ROW_STATUS_PTR, ctypes.addressof(status), 0))
+    if row_wise:
+        # Two row arrays; the bind offset moves the binding onto the second.
+        rows = (Row * (2 * ROWS))()
+        ok(odbc.SQLSetStmtAttr(stmt, SQL_ATTR_ROW_BIND_TYPE, ctypes.sizeof(Row), 0))
+        ok(odbc.SQLSetStmtAttr(stmt, SQL_ATTR_ROW_BIND_OFFSET_PTR, ctypes.addressof(offset), 0))
+        offset.value = ROWS * ctypes.sizeof(Row)
+        base = ctypes.addressof(rows)
+        ok(odbc.SQLBindCol(stmt, 1, SQL_C_SLONG, base + Row.n.offset, 4, base + Row.n_ind.offset))
+        ok(odbc.SQLBindCol(stmt, 2, SQL_C_CHAR, base + Row.t.offset, TEXT, base + Row.t_ind.offset))
+        read = lambda i: (rows[ROWS + i].n, rows[ROWS + i].n_ind, rows[ROWS + i].t, rows[ROWS + i].t_ind)  # noqa: E731
+    else:
+        n, n_ind = (ctypes.c_int32 * ROWS)(), (SQLLEN * ROWS)()
+        t, t_ind = (ctypes.c_char * (TEXT * ROWS))(), (SQLLEN * ROWS)()
+        ok(odbc.SQLBindCol(stmt, 1, SQL_C_SLONG, n, 4, n_ind))
+        ok(odbc.SQLBindCol(stmt, 2, SQL_C_CHAR, t, TEXT, t_ind))
+        read = lambda i: (n[i], n_ind[i], t[i * TEXT:(i + 1) * TEXT].split(b"\0")[0], t_ind[i])  # noqa: E731
+    out = []
+    while True:
+        rc = odbc.SQLFetchScroll(stmt, SQL_FETCH_NEXT, 0)
+        if rc == SQL_NO_DATA:
+            break
+        ok(rc)
+        out.append((rc, fetched.value, [status[i] for i in range(fetched.value)],
+                    [read(i) for i in range(fetched.value)]))
+    odbc.SQLFreeHandle(SQL_HANDLE_STMT, stmt)
+    odbc.SQLDisconnect(dbc)
+    odbc.SQLFreeHandle(SQL_HANDLE_DBC, dbc)
+    odbc.SQLFreeHandle(SQL_HANDLE_ENV, env)
+    return out
+
+
+@pytest.mark.parametrize("row_wise", [False, True], ids=["column-wise", "row-wise with offset"])
+def test_bound_row_arrays_fill_the_same_buffers(setup, row_wise):
+    direct = fetch_all("DSN=direct", row_wise)
+    bridged = fetch_all(setup.bridge_string(), row_wise)
+    assert bridged == direct
+    assert [len(batch[3]) for batch in direct] == [3, 3, 1]
+    assert direct[0][0] == 1  # text cut to the buffer: SQL_SUCCESS_WITH_INFO
