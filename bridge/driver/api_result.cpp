@@ -60,7 +60,7 @@ SQLRETURN num_result_cols(Stmt &s, SQLSMALLINT *count) {
 
 SQLRETURN describe_col(Stmt &s, SQLUSMALLINT column, const OutBuf &name, SQLSMALLINT *name_length,
                        SQLSMALLINT *type, SQLULEN *size, SQLSMALLINT *digits, SQLSMALLINT *nullable) {
-    if (!s.has_shape || s.shape.column_count == 0) return add_diag(s, "07005", "Prepared statement not a cursor-specification");
+    if (!s.has_shape || s.shape.column_count == 0) return add_diag(s, "07005", "the statement has no result columns to describe");
     if (!column_in_range(s, column)) return add_diag(s, "07009", "Invalid descriptor index");
     const zb::ColumnDesc &c = s.shape.columns[column - 1];
     if (type) *type = c.sql_type;
