@@ -41,16 +41,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         args[i] = scalar ? (by_value ? static_cast<uint64_t>(scalars[i]) : reinterpret_cast<uintptr_t>(&scalars[i]))
                          : reinterpret_cast<uintptr_t>(&blocks[i]);
     }
+    // A buffer the library allocated for a block (in-out, or an output whose
+    // capacity an earlier reply set to 0) is ours to free.
+    const bool plain_block = kind != RPC_WVARRAY && (kind & RPC_BLOCK_MASK) != 0;
+    auto reclaim = [&] {
+        for (int i = 0; plain_block && i < 4; ++i)
+            if (blocks[i].value != room[i]) {
+                std::free(blocks[i].value);
+                blocks[i].value = room[i];
+                blocks[i].length = i == 2 ? 0 : 64;
+            }
+    };
     for (int call = 0; call < 3; ++call) {
-        if (RPCExec(s.h, d.name, args[0], args[1], args[2], args[3]) != 0) break;
-        // A buffer the library allocated for the in-out block is ours to free.
-        if (kind != RPC_WVARRAY && (kind & RPC_BLOCK_MASK) != 0 && blocks[2].value != room[2]) {
-            std::free(blocks[2].value);
-            blocks[2].value = room[2];
-            blocks[2].length = 0;
-        }
+        const int32_t rc = RPCExec(s.h, d.name, args[0], args[1], args[2], args[3]);
+        reclaim();
+        if (rc != 0) break;
     }
-    if (kind != RPC_WVARRAY && (kind & RPC_BLOCK_MASK) != 0 && blocks[2].value != room[2])
-        std::free(blocks[2].value);
     return 0;
 }
