@@ -30,7 +30,7 @@
 #include <string>
 #include <vector>
 
-#include "core/handle.h"
+#include "base/handle.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 // on; two ends of the library run it in the connect suite.
 #include <gtest/gtest.h>
 
-#include "core/session.h"
+#include "session/session.h"
 #include "helpers/session_peer.h"
 
 namespace {

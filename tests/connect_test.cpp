@@ -3,7 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "core/session.h"
+#include "session/session.h"
 #include "helpers/session_peer.h"
 
 namespace {

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "core/handle.h"
+#include "base/handle.h"
 #include "harness.h"
 
 namespace {

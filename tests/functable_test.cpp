@@ -1,7 +1,7 @@
 // Export of descriptors and the function-table exchange, over an in-memory link.
 #include <gtest/gtest.h>
 
-#include "core/functable.h"
+#include "session/functable.h"
 #include "helpers/capture_link.h"
 #include "helpers/session_peer.h"
 

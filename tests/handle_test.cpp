@@ -5,7 +5,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "core/handle.h"
+#include "base/handle.h"
+#include "session/session.h"
 #include "zephrpc.h"
 
 namespace {

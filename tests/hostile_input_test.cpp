@@ -9,8 +9,8 @@
 #include <string>
 #include <tuple>
 
-#include "core/log.h"
-#include "core/functable.h"
+#include "base/log.h"
+#include "session/functable.h"
 #include "helpers/log_file.h"
 #include "helpers/capture_link.h"
 #include "helpers/served.h"

@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <tuple>
 
-#include "core/handle.h"
-#include "core/log.h"
+#include "base/handle.h"
+#include "base/log.h"
 #include "helpers/log_file.h"
 
 using namespace zrpc;

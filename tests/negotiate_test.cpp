@@ -5,7 +5,7 @@
 #include <cstring>
 #include <tuple>
 
-#include "core/session.h"
+#include "session/session.h"
 #include "helpers/log_file.h"
 #include "helpers/session_peer.h"
 

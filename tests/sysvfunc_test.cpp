@@ -6,7 +6,7 @@
 #include <cstring>
 #include <utility>
 
-#include "core/handle.h"
+#include "base/handle.h"
 #include "support/sysvfunc.h"
 
 using namespace zrpc;

@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "marshal/frame.h"
 
 namespace zrpc {

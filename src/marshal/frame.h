@@ -1,3 +1,6 @@
+// Layer marshal: frames, scalars, blocks, arrays, variants, pointers and
+// compression. Includes base/, support/ and net/.
+//
 // Frames and scalar values.
 //
 // A message is one or more frames, each one NETSend/NETReceive unit; the first
@@ -8,7 +11,7 @@
 
 #include <cstdint>
 
-#include "core/handle.h"
+#include "base/handle.h"
 
 namespace zrpc {
 

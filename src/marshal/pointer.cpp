@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "marshal/frame.h"
 
 namespace zrpc {

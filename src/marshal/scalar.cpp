@@ -9,7 +9,7 @@
 #include <cstring>
 #include <limits>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "marshal/frame.h"
 
 namespace zrpc {

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "core/handle.h"
+#include "base/handle.h"
 
 namespace zrpc {
 

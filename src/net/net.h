@@ -1,3 +1,6 @@
+// Layer net: the transport drivers and the switch between them. Includes
+// nothing of the library but the public header.
+//
 // Driver switch internals: the records behind the opaque NET handles.
 #pragma once
 

@@ -1,4 +1,5 @@
-// System information texts and the table of negotiation parameters.
+// Support: system information texts, the name hash table and float formats.
+// This layer includes nothing of the library but the public header.
 #pragma once
 
 #include <cstddef>
@@ -9,17 +10,6 @@
 struct utsname;
 
 namespace zrpc {
-
-using InfoFn = const char *(*)(HRPC h);
-
-struct InfoItem {
-    int32_t number;     // parameter item number sent to the peer; 0 ends the table
-    InfoFn function;
-    const char *label;  // report label, e.g. "\tSystem Type:    %s"
-};
-
-// Items 1, 2, 3, 4, 5, 6, 7, 10 in the order they are sent, then {0}.
-extern const InfoItem param_list[];
 
 constexpr std::size_t kInfoTextSize = 50;
 

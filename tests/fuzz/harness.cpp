@@ -1,6 +1,6 @@
 #include "harness.h"
 
-#include "core/handle.h"
+#include "base/handle.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>

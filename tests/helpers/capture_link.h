@@ -7,7 +7,7 @@
 #include <deque>
 #include <vector>
 
-#include "core/handle.h"
+#include "base/handle.h"
 #include "net/net.h"
 
 namespace zrpc::test {

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/handle.h"
+#include "base/handle.h"
 #include "helpers/raw_peer.h"
 
 namespace zrpc::test {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "core/handle.h"
+#include "base/handle.h"
 #include "helpers/raw_peer.h"
 
 namespace zrpc::test {

@@ -7,9 +7,9 @@
 #include <climits>
 #include <cstdlib>
 
-#include "core/call.h"
-#include "core/dispatch.h"
-#include "core/log.h"
+#include "call/call.h"
+#include "call/dispatch.h"
+#include "base/log.h"
 #include "marshal/block.h"
 #include "marshal/frame.h"
 #include "marshal/pointer.h"

@@ -7,8 +7,8 @@
 
 #include <cstring>
 
-#include "core/handle.h"
-#include "core/session.h"
+#include "base/handle.h"
+#include "session/session.h"
 
 namespace zrpc {
 namespace {

@@ -2,8 +2,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/functable.h"
-#include "core/handle.h"
+#include "session/functable.h"
+#include "base/handle.h"
 
 namespace zrpc {
 namespace {

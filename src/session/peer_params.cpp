@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/handle.h"
-#include "core/log.h"
-#include "core/session.h"
+#include "base/handle.h"
+#include "base/log.h"
+#include "session/session.h"
 #include "marshal/pointer.h"
 
 namespace zrpc {

@@ -1,3 +1,6 @@
+// Layer call, the top: the client call (RPCExec) and the server dispatch loop
+// (RPCRun). May include every layer below.
+//
 // Internals shared by the client call (exec*.cpp) and the server dispatch
 // loop (run*.cpp): parameter classes and the per-call phases.
 #pragma once
@@ -7,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/handle.h"
+#include "base/handle.h"
 #include "marshal/block.h"
 #include "marshal/frame.h"
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "core/call.h"
+#include "call/call.h"
 #include "marshal/block.h"
 #include "marshal/frame.h"
 #include "marshal/pointer.h"

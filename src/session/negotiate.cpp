@@ -7,10 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/functable.h"
-#include "core/handle.h"
-#include "core/session.h"
-#include "support/sysvfunc.h"
+#include "session/functable.h"
+#include "base/handle.h"
+#include "session/session.h"
+#include "session/info_table.h"
 
 namespace zrpc {
 namespace {

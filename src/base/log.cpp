@@ -1,5 +1,5 @@
 // Trace log: one process-wide stream, opened lazily, flushed per entry.
-#include "core/log.h"
+#include "base/log.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/handle.h"
+#include "base/handle.h"
 
 namespace zrpc {
 namespace {

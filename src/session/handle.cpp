@@ -6,10 +6,10 @@
 #include <new>
 #include <type_traits>
 
-#include "core/functable.h"
-#include "core/handle.h"
-#include "core/log.h"
-#include "core/session.h"
+#include "session/functable.h"
+#include "base/handle.h"
+#include "base/log.h"
+#include "session/session.h"
 #include "marshal/pointer.h"
 
 namespace zrpc {

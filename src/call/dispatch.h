@@ -1,7 +1,7 @@
 // Server dispatch internals.
 #pragma once
 
-#include "core/handle.h"
+#include "base/handle.h"
 
 namespace zrpc {
 

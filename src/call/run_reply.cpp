@@ -3,8 +3,8 @@
 #include <cstdarg>
 #include <cstdlib>
 
-#include "core/call.h"
-#include "core/dispatch.h"
+#include "call/call.h"
+#include "call/dispatch.h"
 #include "marshal/block.h"
 #include "marshal/frame.h"
 #include "marshal/pointer.h"

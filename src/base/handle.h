@@ -1,3 +1,6 @@
+// Layer base: the handle record, the error type and its one translation
+// into API results, and the logs. Includes support/ and net/ only.
+//
 // The RPC handle: one per connection, shared by every subsystem.
 //
 // The handle is a plain record zero-filled at allocation; each subsystem owns
@@ -171,9 +174,4 @@ int32_t guarded(rpc_handle *h, Body &&body) noexcept {
 // Replaces the handle's error text with a copy of `text` (null leaves none).
 void set_error_text(rpc_handle *h, const char *text);
 
-}  // namespace zrpc
-
-namespace zrpc {
-// Number of initialised handles holding the driver table (for tests).
-int32_t net_load_count();
 }  // namespace zrpc

@@ -1,9 +1,13 @@
+// Layer session: handle lifecycle, transport options, connect, negotiation
+// (with its information table), challenge and the function-table exchange.
+// Includes marshal/ and everything below it.
+//
 // Session establishment: transport options, negotiation, challenge.
 #pragma once
 
 #include <cstdint>
 
-#include "core/handle.h"
+#include "base/handle.h"
 
 namespace zrpc {
 
@@ -28,6 +32,10 @@ const char *GetCompression(HRPC h);
 const char *GetChallenge(HRPC h);
 // Derives the negotiated flags and peer sizes from the peer parameter list.
 int32_t apply_peer_parameters(HRPC h, const char *param_area, const char *version_area);
+
+// --- handle lifecycle (handle.cpp)
+// Number of initialised handles holding the driver table (for tests).
+int32_t net_load_count();
 
 // --- challenge (challenge.cpp)
 constexpr uint8_t kChallengeXor = 0x6D;

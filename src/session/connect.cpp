@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/functable.h"
-#include "core/handle.h"
-#include "core/session.h"
+#include "session/functable.h"
+#include "base/handle.h"
+#include "session/session.h"
 
 namespace zrpc {
 namespace {

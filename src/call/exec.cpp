@@ -8,8 +8,8 @@
 #include <mutex>
 #include <type_traits>
 
-#include "core/call.h"
-#include "core/log.h"
+#include "call/call.h"
+#include "base/log.h"
 #include "marshal/block.h"
 #include "marshal/frame.h"
 #include "marshal/pointer.h"

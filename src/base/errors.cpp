@@ -2,7 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/handle.h"
+#include "base/handle.h"
 
 namespace zrpc {
 namespace {
