@@ -43,9 +43,9 @@ TEST(TableExchange, RecordLimits) {
         out.attach(server);
         out.pair_with(in);
         in.attach(client);
-        EXPECT_EQ(ExportFunc(server) != 0 ? server->error_code : 0, c.code);
+        EXPECT_EQ(code_of(server, ExportFunc), c.code);
         if (c.code != 0) continue;
-        EXPECT_EQ(ImportFunc(client), 0);  // what the sender allows, the receiver holds
+        EXPECT_EQ(code_of(client, ImportFunc), 0);  // what the sender allows, the receiver holds
         EXPECT_EQ(RPCFuncExists(client, name.c_str()), 1);
     }
 }
@@ -74,7 +74,7 @@ TEST(TableExchange, ClientChecksEachRecord) {
         CaptureLink link;
         link.attach(h);
         for (const auto &frame : c.frames) link.incoming.emplace_back(frame.begin(), frame.end());
-        EXPECT_EQ(ImportFunc(h) != 0 ? h->error_code : 0, c.code);
+        EXPECT_EQ(code_of(h, ImportFunc), c.code);
         if (c.code == 0) {  // all 19 stored, the 20th entry is the end mark
             EXPECT_STREQ(h->desc_list->params[18].name, "p18");
             EXPECT_EQ(h->desc_list->params[18].length, 18);

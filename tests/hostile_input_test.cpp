@@ -101,7 +101,7 @@ TEST(HostileInput, AFlagsWordOfZeroEndsTheImportedParameters) {
     for (std::string frame : {std::string("A"), std::string("B0!f!1026!4!a!0!0!b!2050!0!c!", 30),
                               std::string("C")})
         link.incoming.emplace_back(frame.begin(), frame.end());
-    ASSERT_EQ(ImportFunc(h), 0);
+    ASSERT_EQ(code_of(h, ImportFunc), 0);
     const RPCParam *p = h->desc_list->params;
     EXPECT_STREQ(p[0].name, "a");
     EXPECT_EQ(p[1].flags, 0u);  // the end mark: "c" is never read, nor kept

@@ -103,8 +103,8 @@ TEST(Negotiate, PeerParametersSetFlagsAndSizes) {
         TestHandle h(c.mode);
         char area[kNegotiationArea] = {};
         std::strcpy(area, c.params);
-        ASSERT_EQ(UnpackParameters(h, area, static_cast<int32_t>(std::strlen(area))), 0);
-        ASSERT_EQ(apply_peer_parameters(h, area, area), 0);
+        ASSERT_EQ(code_of(h, [&](HRPC) { UnpackParameters(h, area, static_cast<int32_t>(std::strlen(area))); }), 0);
+        ASSERT_EQ(code_of(h, [&](HRPC) { apply_peer_parameters(h, area, area); }), 0);
         EXPECT_EQ(Outcome(h->flags, h->peer_ptr_size, h->peer_sqllen_size, h->frame_limit,
                           h->ptr_count),
                   c.expected);

@@ -92,10 +92,10 @@ void prescribed_abort(const char *why) {
 extern "C" int32_t RPCReportError(HRPC h, const char **message) {
     using namespace zrpc;
     for (const ErrorRow *row = rpc_errmap; row->code != -1; ++row) {
-        if (row->code != static_cast<int64_t>(h->error_code)) continue;
+        if (row->code != static_cast<int64_t>(load_error(h))) continue;
         *message = row->message ? row->message : transport_text(h);
-        return h->error_code;
+        return load_error(h);
     }
     *message = kNoMessage;
-    return h->error_code;
+    return load_error(h);
 }

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstddef>
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 
@@ -128,8 +129,10 @@ struct rpc_handle {
 
 namespace zrpc {
 
-// The error return point: marshalling and transport failures deep inside a
-// call throw this; the public entry point catches it and stores `code`.
+// Errors travel one way down and one way back up. Down: anything below a
+// public entry point that fails throws RpcError with the code (fail()).
+// Up: the entry point runs its body through guarded(), the one place that
+// turns a failure into the handle's code and the API's result of 1.
 struct RpcError {
     int32_t code;
 };
@@ -147,28 +150,39 @@ struct PrescribedAbort {
 extern bool prescribed_abort_throws;
 [[noreturn]] void prescribed_abort(const char *why);
 
-// Stores `code` in the handle and returns 1, the failure result of the API.
-inline int32_t set_error(rpc_handle *h, int32_t code) {
-    h->error_code = code;
-    return 1;
+// The handle's error code. Threads that share a handle read it (RPCExec's
+// sticky check) while another call stores it: every access is atomic.
+inline int32_t load_error(const rpc_handle *h) {
+    return std::atomic_ref<int32_t>(const_cast<int32_t &>(h->error_code)).load();
+}
+inline void store_error(rpc_handle *h, int32_t code) {
+    std::atomic_ref<int32_t>(h->error_code).store(code);
 }
 
 inline bool has_flag(const rpc_handle *h, uint64_t bit) { return (h->flags & bit) != 0; }
 
-// The one place where internal failures become API results: runs `body`
-// (which returns the entry point's own 0/1 result) and turns an RpcError or
-// an allocation failure into the handle's error code and a result of 1.
-// Every public entry point that can reach marshalling or allocation uses it,
-// so no exception ever crosses the C API.
+// Runs an entry point's `body` (which returns its own 0/1 result, or throws
+// through fail()) and turns an RpcError into the handle's code and a result
+// of 1; an allocation failure, or anything unforeseen, becomes RPC_NOMEM.
+// No exception ever crosses the C API.
 template <class Body>
 int32_t guarded(rpc_handle *h, Body &&body) noexcept {
+    int32_t code;
     try {
         return body();
     } catch (const RpcError &e) {
-        return set_error(h, e.code);
+        code = e.code;
     } catch (...) {  // std::bad_alloc and anything unforeseen
-        return set_error(h, RPC_NOMEM);
+        code = RPC_NOMEM;
     }
+    store_error(h, code);
+    return 1;
+}
+
+// An entry point's refused precondition: fails through guarded() like any
+// other failure.
+inline int32_t refuse(rpc_handle *h, int32_t code) noexcept {
+    return guarded(h, [code]() -> int32_t { fail(code); });
 }
 
 // Replaces the handle's error text with a copy of `text` (null leaves none).

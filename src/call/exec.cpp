@@ -18,15 +18,6 @@
 namespace zrpc {
 namespace {
 
-// The error code is read before the lock is taken and reset after it is
-// released, so those two accesses go through atomic_ref.
-int32_t load_code(HRPC h) {
-    return std::atomic_ref<int32_t>(h->error_code).load(std::memory_order_acquire);
-}
-void store_code(HRPC h, int32_t code) {
-    std::atomic_ref<int32_t>(h->error_code).store(code, std::memory_order_release);
-}
-
 // Value of a scalar argument: the argument itself, or what it points to when
 // the parameter is passed by reference. A null reference reads as 0.
 template <typename T>
@@ -116,21 +107,6 @@ void collect_args(const RPCFuncDesc *fd, va_list ap, CallArgs &args) {
     }
 }
 
-// Runs the exchange; returns 0 or the error code (already stored).
-int32_t exchange(HRPC h, RPCFuncDesc *fd, const CallArgs &args) {
-    try {
-        push_call(h, fd, args);
-        pop_reply(h, fd, args);
-        return 0;
-    } catch (const RpcError &e) {
-        store_code(h, e.code);
-        return e.code;
-    } catch (...) {  // std::bad_alloc and anything unforeseen, as guarded() does
-        store_code(h, RPC_NOMEM);
-        return RPC_NOMEM;
-    }
-}
-
 }  // namespace
 
 void push_call(HRPC h, RPCFuncDesc *fd, const CallArgs &args) {
@@ -153,35 +129,32 @@ using namespace zrpc;
 extern "C" ZEPHRPC_API int32_t RPCExec(HRPC h, const char *name, ...) {
     if (h == nullptr) return 1;
     // Sticky: a failed call must be cleared (by reconnecting) before the next.
-    if (load_code(h) != 0) return 1;
+    if (load_error(h) != 0) return 1;
 
     std::unique_lock<std::mutex> guard(*h->lock);
     // A call that failed while this one waited for the lock counts too.
-    if (load_code(h) != 0) return 1;
+    if (load_error(h) != 0) return 1;
 
-    int32_t code = 0;
-    hash_item *item = nullptr;
-    if (h->state != RPC_STATE_CONNECTED) {
-        code = RPC_BADSTATE;
-    } else if (name == nullptr || h->name_index == nullptr ||
-               (item = find_hash_item(name, h->name_index)) == nullptr ||
-               item->data == nullptr) {
-        code = RPC_NONAME;
-    }
-    if (code == 0) {
+    va_list ap;
+    va_start(ap, name);
+    const int32_t result = guarded(h, [&] {
+        if (h->state != RPC_STATE_CONNECTED) fail(RPC_BADSTATE);
+        hash_item *item = name != nullptr && h->name_index != nullptr
+                              ? find_hash_item(name, h->name_index)
+                              : nullptr;
+        if (item == nullptr || item->data == nullptr) fail(RPC_NONAME);
         auto *fd = static_cast<RPCFuncDesc *>(item->data);
         if (has_flag(h, kTraceCalls)) LogTrcMsgStr("\nCalling function: %s\n", fd->name);
         CallArgs args;
-        va_list ap;
-        va_start(ap, name);
         collect_args(fd, ap, args);
-        va_end(ap);
-        code = exchange(h, fd, args);
-        if (code == 0) return 0;
-    } else {
-        store_code(h, code);
-    }
+        push_call(h, fd, args);
+        pop_reply(h, fd, args);
+        return 0;
+    });
+    va_end(ap);
+    if (result == 0) return 0;
 
+    const int32_t code = load_error(h);
     guard.unlock();
     if (h->error_cb != nullptr) h->error_cb(code, h->error_cb_arg);
     // An unknown name leaves the handle usable once the callback has seen it.

@@ -122,25 +122,23 @@ using namespace zrpc;
 
 extern "C" ZEPHRPC_API int32_t RPCRun(HRPC h) {
     if (h == nullptr) return 1;
-    if (h->state != RPC_STATE_CONNECTED) return set_error(h, RPC_BADSTATE);
-    for (;;) {
-        RPCFuncDesc *fd = nullptr;
-        int32_t code = 0;
-        try {
-            receive_call(h, fd);
-            h->current_desc = fd;
-            h->replied = 0;
-            (void)fd->entry(&fd->params[0]);  // its result is not used
-            RPCReturnArgs(h);
-            continue;
-        } catch (const RpcError &e) {
-            code = e.code;
-        } catch (...) {  // std::bad_alloc and anything unforeseen, as guarded() does
-            code = RPC_NOMEM;
+    if (h->state != RPC_STATE_CONNECTED) return refuse(h, RPC_BADSTATE);
+    // Serves calls until one fails; that failure is the result.
+    return guarded(h, [h]() -> int32_t {
+        for (;;) {
+            RPCFuncDesc *fd = nullptr;
+            try {
+                receive_call(h, fd);
+                h->current_desc = fd;
+                h->replied = 0;
+                (void)fd->entry(&fd->params[0]);  // its result is not used
+                RPCReturnArgs(h);
+            } catch (...) {
+                // Do not leave this call's buffers behind in the slots
+                // (releasing is idempotent: a slot already released holds null).
+                if (fd != nullptr) release_call_buffers(fd);
+                throw;
+            }
         }
-        // Do not leave this call's buffers behind in the slots (releasing is
-        // idempotent: a slot already released holds null).
-        if (fd != nullptr) release_call_buffers(fd);
-        return set_error(h, code);
-    }
+    });
 }

@@ -35,10 +35,9 @@ uint32_t index_width(const rpc_handle *h) {
     return static_cast<uint32_t>(h->peer_ptr_size);
 }
 
-PtrNode *new_chunk(HRPC h) {
+PtrNode *new_chunk() {
     auto *chunk = static_cast<PtrNode *>(std::calloc(kPtrChunk, sizeof(PtrNode)));
     if (chunk == nullptr) {
-        h->error_code = RPC_TBLFULL;
         LogErrMsgStr("Pointer lookup table full");
         fail(RPC_TBLFULL);
     }
@@ -56,8 +55,7 @@ int32_t add_ptr_to_list_l(HRPC h, void *pointer) {
         const int32_t capacity = h->ptr_capacity + kPtrChunk;
         void *grown = std::realloc(h->ptr_table, static_cast<std::size_t>(capacity) * sizeof(PtrEntry));
         if (grown == nullptr) {
-            h->error_code = RPC_TBLFULL;
-            LogTrcMsgStr("Pointer lookup table full\n");
+                LogTrcMsgStr("Pointer lookup table full\n");
             fail(RPC_TBLFULL);
         }
         h->ptr_table = grown;
@@ -87,7 +85,7 @@ uint32_t find_ptr_in_list_l(HRPC, const void *proxy) {
 PtrNode *add_ptr_to_list_s(HRPC h, uint32_t index) {
     if (index == 0) return nullptr;
     if (h->ptr_count == 0 && h->ptr_table == nullptr) {
-        h->ptr_table = new_chunk(h);
+        h->ptr_table = new_chunk();
         h->ptr_capacity = kPtrChunk;
     }
     auto *first = static_cast<PtrNode *>(h->ptr_table);
@@ -100,7 +98,7 @@ PtrNode *add_ptr_to_list_s(HRPC h, uint32_t index) {
     }
     PtrNode *fresh;
     if (h->ptr_count >= h->ptr_capacity && last != nullptr) {
-        fresh = new_chunk(h);
+        fresh = new_chunk();
         h->ptr_capacity += kPtrChunk;
         last->link = fresh;
     } else {

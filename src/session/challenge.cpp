@@ -23,43 +23,42 @@ bool receive4(HRPC h, Challenge bytes, uint32_t *length) {
     return NETReceive(h->conn, bytes, kChallengeSize, length) == 0;
 }
 
-int32_t challenge_server(HRPC h) {
+void challenge_server(HRPC h) {
     Challenge mine{};
     make_challenge(mine);
-    if (!send4(h, mine)) return set_error(h, RPC_ETRANSPORT);
+    if (!send4(h, mine)) fail(RPC_ETRANSPORT);
 
     Challenge answer{};
     uint32_t length = 0;
-    if (!receive4(h, answer, &length)) return set_error(h, RPC_ETRANSPORT);
-    if (length != kChallengeSize) return set_error(h, RPC_BAD_CHALLENGELEN);
+    if (!receive4(h, answer, &length)) fail(RPC_ETRANSPORT);
+    if (length != kChallengeSize) fail(RPC_BAD_CHALLENGELEN);
     challenge_answer(answer);
-    if (std::memcmp(answer, mine, kChallengeSize) != 0) return set_error(h, RPC_BAD_CHALLENGE);
+    if (std::memcmp(answer, mine, kChallengeSize) != 0) fail(RPC_BAD_CHALLENGE);
 
     // The client's challenge is answered without a length check.
     Challenge theirs{};
-    if (!receive4(h, theirs, &length)) return set_error(h, RPC_ETRANSPORT);
+    if (!receive4(h, theirs, &length)) fail(RPC_ETRANSPORT);
     challenge_answer(theirs);
-    if (!send4(h, theirs)) return set_error(h, RPC_ETRANSPORT);
-    return 0;
+    if (!send4(h, theirs)) fail(RPC_ETRANSPORT);
 }
 
-int32_t challenge_client(HRPC h) {
+void challenge_client(HRPC h) {
     Challenge theirs{};
     uint32_t length = 0;
-    if (!receive4(h, theirs, &length)) return set_error(h, RPC_ETRANSPORT);
-    if (length != kChallengeSize) return set_error(h, RPC_BAD_CHALLENGELEN);
+    if (!receive4(h, theirs, &length)) fail(RPC_ETRANSPORT);
+    if (length != kChallengeSize) fail(RPC_BAD_CHALLENGELEN);
     challenge_answer(theirs);
-    if (!send4(h, theirs)) return set_error(h, RPC_ETRANSPORT);
+    if (!send4(h, theirs)) fail(RPC_ETRANSPORT);
 
     Challenge mine{};
     make_challenge(mine);
-    if (!send4(h, mine)) return set_error(h, RPC_ETRANSPORT);
+    if (!send4(h, mine)) fail(RPC_ETRANSPORT);
     Challenge answer{};
-    if (!receive4(h, answer, &length)) return set_error(h, RPC_ETRANSPORT);
-    if (length != kChallengeSize) return set_error(h, RPC_BAD_CHALLENGELEN);
+    if (!receive4(h, answer, &length)) fail(RPC_ETRANSPORT);
+    if (length != kChallengeSize) fail(RPC_BAD_CHALLENGELEN);
     challenge_answer(mine);
-    if (std::memcmp(answer, mine, kChallengeSize) != 0) return set_error(h, RPC_BAD_CHALLENGE);
-    return 0;
+    if (std::memcmp(answer, mine, kChallengeSize) != 0) fail(RPC_BAD_CHALLENGE);
+
 }
 
 }  // namespace
@@ -75,8 +74,11 @@ void challenge_answer(uint8_t challenge[4]) {
     for (uint32_t i = 0; i < kChallengeSize; ++i) challenge[i] ^= kChallengeXor;
 }
 
-int32_t issue_challenge(HRPC h) {
-    return h->mode == RPC_MODE_SERVER ? challenge_server(h) : challenge_client(h);
+void issue_challenge(HRPC h) {
+    if (h->mode == RPC_MODE_SERVER)
+        challenge_server(h);
+    else
+        challenge_client(h);
 }
 
 }  // namespace zrpc

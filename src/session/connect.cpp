@@ -28,22 +28,67 @@ void keep_transport_text(rpc_handle *h) {
     if (non_empty(text)) set_error_text(h, text);
 }
 
+// Ends the net connection and its context; false when the transport
+// context would not terminate cleanly. Keeps the function table.
+bool disconnect(HRPC h) {
+    NETDisconnect(h->conn);
+    h->conn = nullptr;
+    const uint32_t terminated = NETTerminate(h->context);
+    h->context = nullptr;
+    drop_name_index(h);
+    h->state = RPC_STATE_OPTIONS_SET;
+    return terminated == 0;
+}
+
+// Opens the transport context and the net connection; throws with the
+// driver's text kept as the error text.
+void open_connection(HRPC h, int32_t version1, int32_t version2, const char *uid) {
+    NETContext *context = nullptr;
+    if (NETInitialise(h->transport_index, &context) != 0) {
+        if (!context) fail(RPC_NOMEM);
+        const char *text = nullptr;
+        NETError(context, nullptr, &text);
+        set_error_text(h, text);
+        NETTerminate(context);  // the text is copied; nothing else needs it
+        fail(RPC_ETEXT);
+    }
+
+    h->context = context;
+    h->conn = nullptr;
+    h->state = RPC_STATE_CONNECTING;
+    h->version1 = version1;
+    h->version2 = version2;
+    h->uid = uid;
+
+    char *slots[NET_OPTION_SLOTS];
+    build_option_vector(h, slots);
+    const bool client = h->mode == RPC_MODE_CLIENT;
+    if (NETConnect(h->context, client ? 0 : 1, slots, client ? 0 : h->server_descriptor,
+                   &h->conn) != 0) {
+        if (h->conn) {
+            const char *text = nullptr;
+            NETError(nullptr, h->conn, &text);
+            set_error_text(h, text);
+        }
+        disconnect(h);
+        // Always 9: its text is the driver's, kept above as the error text.
+        fail(RPC_ECONNECT);
+    }
+}
+
 }  // namespace
 
-int32_t GetTransportList(HRPC h) {
+void GetTransportList(HRPC h) {
     h->transport_count = 0;
     for (int32_t i = 0; i < static_cast<int32_t>(kTransportSlots); ++i) {
         const char *name = nullptr;
         const char *description = nullptr;
         if (NETTransportName(i, &name, &description) != 0) {
-            h->error_code = RPC_NOTRNAME;
-            return 0;
+            store_error(h, h->transport_count != 0 ? RPC_NOTRNAME : RPC_NOTSP);
+            return;
         }
         h->transports[h->transport_count++] = TransportName{name, description};
     }
-    if (h->transport_count != 0) return 1;
-    h->error_code = RPC_NOTSP;
-    return 0;
 }
 
 void FreeLowLTransport(HRPC h) {
@@ -94,28 +139,30 @@ extern "C" {
 int32_t RPCSetTransportOpts(HRPC h, int32_t transport, const char *opt1, const char *opt2,
                             const char *opt3, const char *opt4, const char *opt5,
                             const char *opt6, const char *opt7) {
-    h->error_code = RPC_NOERROR;
-    if (h->state != RPC_STATE_INITIALISED && h->state != RPC_STATE_OPTIONS_SET)
-        return set_error(h, RPC_BADSTATE);
-    // Discards the earlier options first, so a bad index below leaves a
-    // handle in state 2 with none at all.
-    if (h->state == RPC_STATE_OPTIONS_SET) FreeTransport(h);
-    if (transport < 0 || transport >= h->transport_count) return set_error(h, RPC_BADTRAN);
+    store_error(h, RPC_NOERROR);
+    return guarded(h, [&] {
+        if (h->state != RPC_STATE_INITIALISED && h->state != RPC_STATE_OPTIONS_SET)
+            fail(RPC_BADSTATE);
+        // Discards the earlier options first, so a bad index below leaves a
+        // handle in state 2 with none at all.
+        if (h->state == RPC_STATE_OPTIONS_SET) FreeTransport(h);
+        if (transport < 0 || transport >= h->transport_count) fail(RPC_BADTRAN);
 
-    h->transport_index = transport;
-    const char *texts[7] = {opt1, opt2, opt3, opt4, opt5, opt6, opt7};
-    // Every slot is replaced, so nothing left by an earlier failed call
-    // survives into these options.
-    for (int i = 0; i < 7; ++i) {
-        replace_option(h->transport_opts[i], texts[i]);
-        if (texts[i] && !h->transport_opts[i]) return set_error(h, RPC_NOMEM);
-    }
-    h->state = RPC_STATE_OPTIONS_SET;
-    return 0;
+        h->transport_index = transport;
+        const char *texts[7] = {opt1, opt2, opt3, opt4, opt5, opt6, opt7};
+        // Every slot is replaced, so nothing left by an earlier failed call
+        // survives into these options.
+        for (int i = 0; i < 7; ++i) {
+            replace_option(h->transport_opts[i], texts[i]);
+            if (texts[i] && !h->transport_opts[i]) fail(RPC_NOMEM);
+        }
+        h->state = RPC_STATE_OPTIONS_SET;
+        return 0;
+    });
 }
 
 int32_t RPCSetLowLTransportOpts(HRPC h, uint32_t count, ...) {
-    if (h->state != RPC_STATE_OPTIONS_SET) return set_error(h, RPC_BADSTATE);
+    if (h->state != RPC_STATE_OPTIONS_SET) return refuse(h, RPC_BADSTATE);
     va_list args;
     va_start(args, count);
     // `count` counts identifiers. An unknown identifier is skipped without
@@ -130,64 +177,31 @@ int32_t RPCSetLowLTransportOpts(HRPC h, uint32_t count, ...) {
 }
 
 int32_t RPCDisconnect(HRPC h) {
-    if (h->state < RPC_STATE_OPTIONS_SET || h->state > RPC_STATE_CONNECTED)
-        return set_error(h, RPC_BADSTATE);
-    NETDisconnect(h->conn);
-    h->conn = nullptr;
-    uint32_t terminated = NETTerminate(h->context);
-    h->context = nullptr;
-    drop_name_index(h);
-    h->state = RPC_STATE_OPTIONS_SET;
-    return terminated != 0 ? set_error(h, RPC_ETRANSPORT) : 0;
+    return guarded(h, [h] {
+        if (h->state < RPC_STATE_OPTIONS_SET || h->state > RPC_STATE_CONNECTED) fail(RPC_BADSTATE);
+        if (!disconnect(h)) fail(RPC_ETRANSPORT);
+        return 0;
+    });
 }
 
 int32_t RPCConnect(HRPC h, int32_t version1, int32_t version2, const char *uid) {
-    h->error_code = RPC_NOERROR;
-    if (h->state != RPC_STATE_OPTIONS_SET) return set_error(h, RPC_BADSTATE);
-
-    NETContext *context = nullptr;
-    if (NETInitialise(h->transport_index, &context) != 0) {
-        if (!context) return set_error(h, RPC_NOMEM);
-        const char *text = nullptr;
-        NETError(context, nullptr, &text);
-        set_error_text(h, text);
-        NETTerminate(context);  // the text is copied; nothing else needs it
-        return set_error(h, RPC_ETEXT);
-    }
-
-    h->context = context;
-    h->conn = nullptr;
-    h->state = RPC_STATE_CONNECTING;
-    h->version1 = version1;
-    h->version2 = version2;
-    h->uid = uid;
-
-    char *slots[NET_OPTION_SLOTS];
-    build_option_vector(h, slots);
-    const bool client = h->mode == RPC_MODE_CLIENT;
-    if (NETConnect(h->context, client ? 0 : 1, slots, client ? 0 : h->server_descriptor,
-                   &h->conn) != 0) {
-        if (h->conn) {
-            const char *text = nullptr;
-            NETError(nullptr, h->conn, &text);
-            set_error_text(h, text);
+    store_error(h, RPC_NOERROR);
+    return guarded(h, [&] {
+        if (h->state != RPC_STATE_OPTIONS_SET) fail(RPC_BADSTATE);
+        open_connection(h, version1, version2, uid);
+        bool negotiated = false;
+        try {
+            RpcNegotiate(h);
+            negotiated = true;
+            if (has_flag(h, kChallenge)) issue_challenge(h);
+        } catch (...) {
+            if (!negotiated) keep_transport_text(h);
+            disconnect(h);  // the failure's code stands, not the disconnect's
+            throw;
         }
-        RPCDisconnect(h);
-        // Always 9: its text is the driver's, kept above as the error text.
-        return set_error(h, RPC_ECONNECT);
-    }
-
-    if (RpcNegotiate(h) != 0) {
-        keep_transport_text(h);
-        RPCDisconnect(h);
-        return 1;
-    }
-    if (has_flag(h, kChallenge) && issue_challenge(h) != 0) {
-        RPCDisconnect(h);
-        return 1;
-    }
-    h->state = RPC_STATE_CONNECTED;
-    return 0;
+        h->state = RPC_STATE_CONNECTED;
+        return 0;
+    });
 }
 
 }  // extern "C"

@@ -63,27 +63,29 @@ using namespace zrpc;
 extern "C" {
 
 int32_t RPCExport(HRPC h, const RPCFuncDesc *table) {
-    if (h->desc_list) h->last_called = nullptr;
-    // The old table goes with the old list; nothing may point at it after.
-    FreeArgs(h->mode, h->desc_list, h->ordinal_table);
-    h->desc_list = nullptr;
-    h->ordinal_table = nullptr;
-    h->ordinal_count = 0;
+    return guarded(h, [h, table] {
+        if (h->desc_list) h->last_called = nullptr;
+        // The old table goes with the old list; nothing may point at it after.
+        FreeArgs(h->mode, h->desc_list, h->ordinal_table);
+        h->desc_list = nullptr;
+        h->ordinal_table = nullptr;
+        h->ordinal_count = 0;
 
-    std::size_t count = 0;
-    for (const RPCFuncDesc *record = table; record && record->name; ++record, ++count) {
-        RPCFuncDesc *desc = copy_descriptor(*record);
-        if (!desc) return set_error(h, RPC_NOMEM);
-        // In front: the list runs in the reverse order of the caller's array.
-        desc->next = h->desc_list;
-        h->desc_list = desc;
-    }
+        std::size_t count = 0;
+        for (const RPCFuncDesc *record = table; record && record->name; ++record, ++count) {
+            RPCFuncDesc *desc = copy_descriptor(*record);
+            if (!desc) fail(RPC_NOMEM);
+            // In front: the list runs in the reverse order of the caller's array.
+            desc->next = h->desc_list;
+            h->desc_list = desc;
+        }
 
-    // Zero-filled, so an ordinal not yet numbered by the table exchange finds null.
-    h->ordinal_table = static_cast<RPCFuncDesc **>(std::calloc(1, ordinal_table_size(count)));
-    if (!h->ordinal_table) return set_error(h, RPC_NOMEM);
-    h->ordinal_count = static_cast<int32_t>(count);
-    return 0;
+        // Zero-filled, so an ordinal not yet numbered by the table exchange finds null.
+        h->ordinal_table = static_cast<RPCFuncDesc **>(std::calloc(1, ordinal_table_size(count)));
+        if (!h->ordinal_table) fail(RPC_NOMEM);
+        h->ordinal_count = static_cast<int32_t>(count);
+        return 0;
+    });
 }
 
 int32_t RPCFuncExists(HRPC h, const char *name) {

@@ -13,8 +13,9 @@ constexpr std::size_t kRecordPartSize = 128; // one formatted field group
 void FreeArgs(int32_t mode, RPCFuncDesc *list, RPCFuncDesc **ordinal_table);
 void FreeParameters(PeerParam *list);
 
-int32_t ExportFunc(HRPC h);  // server: sends 'A', one 'B' record per function, 'C'
-int32_t ImportFunc(HRPC h);  // client: builds descriptors and the name index
+// Both throw RpcError (fail()) when they fail.
+void ExportFunc(HRPC h);  // server: sends 'A', one 'B' record per function, 'C'
+void ImportFunc(HRPC h);  // client: builds descriptors and the name index
 
 // Empties and frees the client's name index, if any.
 void drop_name_index(HRPC h);

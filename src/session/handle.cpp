@@ -59,7 +59,7 @@ HRPC RPCAllocHandle(void) {
 }
 
 int32_t RPCFreeHandle(HRPC h) {
-    if (h->state != RPC_STATE_ALLOCATED) return set_error(h, RPC_BADSTATE);
+    if (h->state != RPC_STATE_ALLOCATED) return refuse(h, RPC_BADSTATE);
     delete h->lock;
     h->lock = nullptr;
     h->last_called = nullptr;
@@ -79,41 +79,46 @@ int32_t RPCFreeHandle(HRPC h) {
 }
 
 int32_t RPCInitialise(HRPC h, int32_t mode, int32_t server_descriptor) {
-    h->error_code = RPC_NOERROR;
-    if (h->state != RPC_STATE_ALLOCATED) return set_error(h, RPC_BADSTATE);
-    if (mode != RPC_MODE_SERVER && mode != RPC_MODE_CLIENT) return set_error(h, RPC_INVMODE);
-    h->mode = mode;
-    h->server_descriptor = server_descriptor;
-    if (NetLoadCalled == 0 && NETLoad() != 0) return set_error(h, RPC_NETLOAD);
-    ++NetLoadCalled;
-    // Always leaves error 28 behind, since the driver table is shorter than
-    // the ten slots it probes; the next connection operation clears it.
-    GetTransportList(h);
-    h->state = RPC_STATE_INITIALISED;
-    return 0;
+    store_error(h, RPC_NOERROR);
+    return guarded(h, [&] {
+        if (h->state != RPC_STATE_ALLOCATED) fail(RPC_BADSTATE);
+        if (mode != RPC_MODE_SERVER && mode != RPC_MODE_CLIENT) fail(RPC_INVMODE);
+        h->mode = mode;
+        h->server_descriptor = server_descriptor;
+        if (NetLoadCalled == 0 && NETLoad() != 0) fail(RPC_NETLOAD);
+        ++NetLoadCalled;
+        // Always leaves error 28 behind, since the driver table is shorter
+        // than the ten slots it probes; the next connection operation clears it.
+        GetTransportList(h);
+        h->state = RPC_STATE_INITIALISED;
+        return 0;
+    });
 }
 
 int32_t RPCTerminate(HRPC h) {
-    if (h->state != RPC_STATE_INITIALISED && h->state != RPC_STATE_OPTIONS_SET)
-        return set_error(h, RPC_BADSTATE);
-    if (h->state == RPC_STATE_OPTIONS_SET) FreeTransport(h);
-    h->state = RPC_STATE_ALLOCATED;
-    if (--NetLoadCalled == 0) NETUnload();
-    LogClose();
-    if (h->terminate_cb) h->terminate_cb(h->terminate_arg);
-    return 0;
+    return guarded(h, [h] {
+        if (h->state != RPC_STATE_INITIALISED && h->state != RPC_STATE_OPTIONS_SET)
+            fail(RPC_BADSTATE);
+        if (h->state == RPC_STATE_OPTIONS_SET) FreeTransport(h);
+        h->state = RPC_STATE_ALLOCATED;
+        if (--NetLoadCalled == 0) NETUnload();
+        LogClose();
+        if (h->terminate_cb) h->terminate_cb(h->terminate_arg);
+        return 0;
+    });
 }
 
 int32_t RPCIsConnected(HRPC h) { return h && h->state == RPC_STATE_CONNECTED ? 1 : 0; }
 
 int32_t RPCEnumerateTransports(HRPC h, int32_t index, const char **name,
                                const char **description) {
-    h->error_code = RPC_NOERROR;
+    store_error(h, RPC_NOERROR);
     if (h->state < RPC_STATE_INITIALISED) {
-        h->error_code = RPC_BADSTATE;
+        store_error(h, RPC_BADSTATE);
         return 0;  // success with the error set: callers have always relied on it
     }
-    if (index < 0 || index >= h->transport_count) return set_error(h, RPC_BADARG);
+    if (index < 0 || index >= h->transport_count)
+        return refuse(h, RPC_BADARG);
     *name = h->transports[index].name;
     *description = h->transports[index].description;
     return 0;

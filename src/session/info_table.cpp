@@ -35,7 +35,7 @@ int32_t RPCGetInfo(HRPC h, int32_t item, char *dest, int32_t size) {
         answer = zrpc::has_flag(h, zrpc::kByteSwap) ? "Y" : "N";
         break;
     case RPC_INFO_NETFAIL:
-        answer = (h->error_code == RPC_ETRANSPORT || h->error_code == RPC_BADNEG) ? "Y" : "N";
+        answer = (zrpc::load_error(h) == RPC_ETRANSPORT || zrpc::load_error(h) == RPC_BADNEG) ? "Y" : "N";
         break;
     default:
         return -1;

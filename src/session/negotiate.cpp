@@ -58,58 +58,59 @@ void terminate(Area area, uint32_t length) {
     if (length < kNegotiationArea) area[length] = '\0';
 }
 
-int32_t negotiate_server(HRPC h, const char *params, const char *version, Area param_area) {
+void negotiate_server(HRPC h, const char *params, const char *version, Area param_area) {
     if (NETSend(h->conn, kMagic, kMagicPacket) != 0 || !send_text(h, version) ||
         !send_text(h, params))
-        return set_error(h, RPC_ETRANSPORT);
+        fail(RPC_ETRANSPORT);
     uint32_t length = 0;
-    if (!receive(h, param_area, &length)) return set_error(h, RPC_ETRANSPORT);
+    if (!receive(h, param_area, &length)) fail(RPC_ETRANSPORT);
     terminate(param_area, length);
-    if (UnpackParameters(h, param_area, held(length)) != 0) return 1;
-    return ExportFunc(h);
+    UnpackParameters(h, param_area, held(length));
+    ExportFunc(h);
 }
 
 // "v1:v2:uid" from the server must match this handle's identity exactly.
-int32_t check_version(HRPC h, Area version_area, uint32_t length) {
-    if (length == 0) return set_error(h, RPC_BADVER);
+void check_version(HRPC h, Area version_area, uint32_t length) {
+    if (length == 0) fail(RPC_BADVER);
     char *cursor = version_area;
     const char *last = version_area + length - 1;
     const char *first = rpcstrtok(&cursor, ':', last);
-    if (!first || std::atoi(first) != h->version1) return set_error(h, RPC_BADVER);
+    if (!first || std::atoi(first) != h->version1) fail(RPC_BADVER);
     const char *second = rpcstrtok(&cursor, ':', last);
-    if (!second || std::atoi(second) != h->version2) return set_error(h, RPC_BADVER);
+    if (!second || std::atoi(second) != h->version2) fail(RPC_BADVER);
     const char *uid = h->uid ? h->uid : "";
-    if (std::strcmp(cursor, uid) != 0) return set_error(h, RPC_BADUID);
-    return 0;
+    if (std::strcmp(cursor, uid) != 0) fail(RPC_BADUID);
 }
 
-int32_t negotiate_client(HRPC h, const char *params, Area version_area, Area param_area) {
+void negotiate_client(HRPC h, const char *params, Area version_area, Area param_area) {
     Area magic{};
     uint32_t length = 0;
-    if (!receive(h, magic, &length)) return set_error(h, RPC_ETRANSPORT);
+    if (!receive(h, magic, &length)) fail(RPC_ETRANSPORT);
     terminate(magic, length);
     if (length != kMagicPacket || std::strcmp(magic, kMagic) != 0)
-        return set_error(h, RPC_BADMGK);
+        fail(RPC_BADMGK);
 
     uint32_t version_length = 0;
-    if (!receive(h, version_area, &version_length)) return set_error(h, RPC_ETRANSPORT);
-    if (version_length >= kNegotiationArea) return set_error(h, RPC_VERSION_TOO_BIG);
+    if (!receive(h, version_area, &version_length)) fail(RPC_ETRANSPORT);
+    if (version_length >= kNegotiationArea) fail(RPC_VERSION_TOO_BIG);
     terminate(version_area, version_length);
 
-    if (!receive(h, param_area, &length)) return set_error(h, RPC_ETRANSPORT);
-    if (length >= kNegotiationArea) return set_error(h, RPC_PARAMS_TOO_BIG);
+    if (!receive(h, param_area, &length)) fail(RPC_ETRANSPORT);
+    if (length >= kNegotiationArea) fail(RPC_PARAMS_TOO_BIG);
     terminate(param_area, length);
-    if (UnpackParameters(h, param_area, held(length)) != 0) return 1;
+    UnpackParameters(h, param_area, held(length));
 
     // The server learns our parameters even when we reject its version.
-    if (!send_text(h, params)) return set_error(h, RPC_ETRANSPORT);
-    if (check_version(h, version_area, version_length) != 0) return 1;
-    return ImportFunc(h);
+    if (!send_text(h, params)) fail(RPC_ETRANSPORT);
+    check_version(h, version_area, version_length);
+    ImportFunc(h);
 }
 
-int32_t negotiate(HRPC h) {
+}  // namespace
+
+void RpcNegotiate(HRPC h) {
     Area params;
-    if (!build_parameters(h, params)) return set_error(h, RPC_NOMEM);
+    if (!build_parameters(h, params)) fail(RPC_NOMEM);
     Area version;
     std::snprintf(version, sizeof version, "%d:%d:%s", h->version1, h->version2,
                   h->uid ? h->uid : "");
@@ -118,17 +119,11 @@ int32_t negotiate(HRPC h) {
     // server receives no version text, so its area stays cleared.
     Area param_area{};
     Area version_area{};
-    int32_t failed = h->mode == RPC_MODE_SERVER
-                         ? negotiate_server(h, params, version, param_area)
-                         : negotiate_client(h, params, version_area, param_area);
-    if (failed != 0) return 1;
-    return apply_peer_parameters(h, param_area, version_area);
-}
-
-}  // namespace
-
-int32_t RpcNegotiate(HRPC h) {
-    return guarded(h, [h] { return negotiate(h); });
+    if (h->mode == RPC_MODE_SERVER)
+        negotiate_server(h, params, version, param_area);
+    else
+        negotiate_client(h, params, version_area, param_area);
+    apply_peer_parameters(h, param_area, version_area);
 }
 
 const char *GetEndianess(HRPC h) {

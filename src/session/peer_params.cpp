@@ -92,29 +92,29 @@ char *rpcstrtok(char **cursor, char delimiter, const char *last) {
     return nullptr;
 }
 
-int32_t UnpackParameters(HRPC h, char *buffer, int32_t length) {
-    if (!buffer) return set_error(h, RPC_INTERR);
+void UnpackParameters(HRPC h, char *buffer, int32_t length) {
+    if (!buffer) fail(RPC_INTERR);
     char *cursor = length > 0 ? buffer : nullptr;
     const char *last = length > 0 ? buffer + length - 1 : nullptr;
     while (const char *number = rpcstrtok(&cursor, ':', last)) {
         const char *value = rpcstrtok(&cursor, '^', last);
-        if (!value) return set_error(h, RPC_INVPARAM);
+        if (!value) fail(RPC_INVPARAM);
         auto *record = static_cast<PeerParam *>(std::malloc(sizeof(PeerParam)));
-        if (!record) return 1;  // no code: the record itself could not be had
+        if (!record) fail(RPC_NOERROR);  // no code: the record itself could not be had
         record->number = std::atoi(number);
         record->value = strdup(value);
         if (!record->value) {
             std::free(record);
-            return set_error(h, RPC_NOMEM);
+            fail(RPC_NOMEM);
         }
         // Newest first: a reconnect puts its records before the older ones.
         record->next = h->peer_params;
         h->peer_params = record;
     }
-    return h->peer_params ? 0 : set_error(h, RPC_BADNEG);
+    if (!h->peer_params) fail(RPC_BADNEG);
 }
 
-int32_t apply_peer_parameters(HRPC h, const char *param_area, const char *version_area) {
+void apply_peer_parameters(HRPC h, const char *param_area, const char *version_area) {
     bool pointer_seen = false;
     bool sqllen_seen = false;
     const char *marker = GetEndianess(h);
@@ -158,9 +158,9 @@ int32_t apply_peer_parameters(HRPC h, const char *param_area, const char *versio
             break;  // items 02, 03 and unknown numbers carry nothing we use
         }
     }
-    if (pointer_seen && sqllen_seen) return 0;
+    if (pointer_seen && sqllen_seen) return;
     write_error_log(h, param_area, version_area);
-    return set_error(h, RPC_MISSPARAM);
+    fail(RPC_MISSPARAM);
 }
 
 }  // namespace zrpc

@@ -12,7 +12,9 @@
 namespace zrpc {
 
 // --- transport options (connect.cpp)
-int32_t GetTransportList(HRPC h);
+// Lists the driver table's transports in the handle. Always leaves a code
+// behind without failing: 28 after the last transport, 4 when there is none.
+void GetTransportList(HRPC h);
 void FreeTransport(HRPC h);
 void FreeLowLTransport(HRPC h);
 // Fills the 14-slot option vector handed to NETConnect for this handle's mode.
@@ -22,8 +24,9 @@ void build_option_vector(HRPC h, char *slots[NET_OPTION_SLOTS]);
 constexpr const char *kMagic = "87FA9694";
 constexpr std::size_t kNegotiationArea = 256;
 
-int32_t RpcNegotiate(HRPC h);
-int32_t UnpackParameters(HRPC h, char *buffer, int32_t length);
+// Each of these throws RpcError (fail()) when it fails.
+void RpcNegotiate(HRPC h);
+void UnpackParameters(HRPC h, char *buffer, int32_t length);
 // Returns the next token ended by `delimiter` (overwritten with 0) or null;
 // `last`, when given, is the last byte the scan may examine.
 char *rpcstrtok(char **cursor, char delimiter, const char *last);
@@ -31,7 +34,7 @@ const char *GetEndianess(HRPC h);
 const char *GetCompression(HRPC h);
 const char *GetChallenge(HRPC h);
 // Derives the negotiated flags and peer sizes from the peer parameter list.
-int32_t apply_peer_parameters(HRPC h, const char *param_area, const char *version_area);
+void apply_peer_parameters(HRPC h, const char *param_area, const char *version_area);
 
 // --- handle lifecycle (handle.cpp)
 // Number of initialised handles holding the driver table (for tests).
@@ -39,7 +42,7 @@ int32_t net_load_count();
 
 // --- challenge (challenge.cpp)
 constexpr uint8_t kChallengeXor = 0x6D;
-int32_t issue_challenge(HRPC h);
+void issue_challenge(HRPC h);  // throws RpcError when it fails
 void make_challenge(uint8_t challenge[4]);
 void challenge_answer(uint8_t challenge[4]);
 

@@ -130,20 +130,19 @@ int32_t import_record(HRPC h, char *record, uint32_t length) {
 
 }  // namespace
 
-int32_t ExportFunc(HRPC h) {
-    if (!send_marker(h, kTableStart)) return set_error(h, RPC_ETRANSPORT);
+void ExportFunc(HRPC h) {
+    if (!send_marker(h, kTableStart)) fail(RPC_ETRANSPORT);
     int32_t counter = 0;
     for (RPCFuncDesc *desc = h->desc_list; desc; desc = desc->next, ++counter) {
         desc->ordinal = static_cast<int16_t>(counter);
         // A list left partial by a failed export has no table to fill.
         if (h->ordinal_table && counter < h->ordinal_count) h->ordinal_table[counter] = desc;
-        if (int32_t code = send_descriptor(h, *desc)) return set_error(h, code);
+        if (int32_t code = send_descriptor(h, *desc)) fail(code);
     }
-    if (!send_marker(h, kTableEnd)) return set_error(h, RPC_ETRANSPORT);
-    return 0;
+    if (!send_marker(h, kTableEnd)) fail(RPC_ETRANSPORT);
 }
 
-int32_t ImportFunc(HRPC h) {
+void ImportFunc(HRPC h) {
     // The table of an earlier connection stays usable after a disconnect and
     // is replaced here, so reconnecting does not pile up copies of it.
     FreeArgs(h->mode, h->desc_list, nullptr);
@@ -152,16 +151,16 @@ int32_t ImportFunc(HRPC h) {
     char message[kRecordLimit] = {};
     uint32_t length = 0;
     if (NETReceive(h->conn, message, 1, &length) != 0 || length != 1 || message[0] != kTableStart)
-        return set_error(h, RPC_ETRANSPORT);
+        fail(RPC_ETRANSPORT);
     for (;;) {
         if (NETReceive(h->conn, message, sizeof message, &length) != 0)
-            return set_error(h, RPC_ETRANSPORT);
-        if (length == 1 && message[0] == kTableEnd) return 0;
+            fail(RPC_ETRANSPORT);
+        if (length == 1 && message[0] == kTableEnd) return;
         // A driver may report a packet longer than it delivered; such a
         // record cannot be trusted and is never read past the buffer.
         if (length == 0 || length > sizeof message || message[0] != kRecordMark)
-            return set_error(h, RPC_FUNCFAIL);
-        if (int32_t code = import_record(h, message, length)) return set_error(h, code);
+            fail(RPC_FUNCFAIL);
+        if (int32_t code = import_record(h, message, length)) fail(code);
     }
 }
 

@@ -14,6 +14,18 @@
 
 namespace zrpc::test {
 
+// Runs an internal step that fails by throwing, as an entry point would,
+// and returns the code it left in the handle (0 when it succeeded).
+template <class Step>
+int32_t code_of(HRPC h, Step step) {
+    return guarded(h, [&] {
+        step(h);
+        return 0;
+    }) != 0
+               ? load_error(h)
+               : 0;
+}
+
 // An initialised handle; disconnected, terminated and freed at scope end.
 struct TestHandle {
     explicit TestHandle(int32_t mode, int32_t descriptor = 0) : h(RPCAllocHandle()) {
