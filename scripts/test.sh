@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs the whole suite twice: a plain build, then one under
-# AddressSanitizer and UndefinedBehaviorSanitizer, then every fuzz target for a
-# short while. Exits non-zero on any failure.
+# AddressSanitizer and UndefinedBehaviorSanitizer; then the call tests under
+# ThreadSanitizer and every fuzz target for a short while. Exits non-zero on any failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -19,6 +19,13 @@ run_suite() {  # name, extra cmake arguments...
 run_suite release
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
   run_suite sanitize -DZEPHRPC_SANITIZE=ON -DZEPHRPC_BUILD_BENCH=OFF
+
+# Threads sharing handles, under ThreadSanitizer.
+echo "=== build/tsan (call tests under ThreadSanitizer)"
+cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEPHRPC_TSAN=ON \
+  -DZEPHRPC_BUILD_BRIDGE=OFF -DZEPHRPC_BUILD_BENCH=OFF -DZEPHRPC_BUILD_EXAMPLES=OFF >/dev/null
+cmake --build build/tsan -j "$jobs" --target call_test
+TSAN_OPTIONS=halt_on_error=1 build/tsan/tests/call_test --gtest_brief=1
 
 # Every fuzz target for a bounded time (the seed corpus and regression
 # inputs were already replayed by both suites above).

@@ -102,8 +102,14 @@ protected:
         ASSERT_EQ(RPCConnect(client, 1, 0, kUid), 0);
     }
     void TearDown() override {
-        free_handle(client);
+        if (client != nullptr) free_handle(client);
         EXPECT_EQ(server->finish(), RPC_ETRANSPORT);  // the client went away
+    }
+    // Ends the session first, so the server's state can be read safely.
+    void finish_session() {
+        free_handle(client);
+        client = nullptr;
+        EXPECT_EQ(server->finish(), RPC_ETRANSPORT);
     }
     std::unique_ptr<ServedHandle> server;
     HRPC client = nullptr;
@@ -125,7 +131,7 @@ TEST_F(CallTest, ScalarsTravelInEveryDirection) {
 }
 
 TEST_F(CallTest, BlocksOfEveryKindTravelInEveryDirectionAcrossFrames) {
-    ASSERT_TRUE(has_flag(client, kCompress) && has_flag(server->h, kCompress));
+    ASSERT_TRUE(has_flag(client, kCompress));
     // Bytes that do not compress: at 32768 the compressed form is the longer
     // one, at 40000 the block is too large to compress.
     std::mt19937 random(12345);
@@ -142,15 +148,21 @@ TEST_F(CallTest, BlocksOfEveryKindTravelInEveryDirectionAcrossFrames) {
             ASSERT_EQ(RPCExec(client, fn, &a, &b, &c, &d, int64_t{77}, &f), 0);
             EXPECT_EQ(g_out.length, n + 8);  // the server got the capacity
             // The output lands in the caller's buffer, the record rewritten from the entry.
-            EXPECT_TRUE(b.length == n && b.value == out.data() && b.flags == (type | OUT));
-            EXPECT_TRUE(std::equal(in.begin(), in.end(), out.begin()));
+            EXPECT_EQ(b.length, n) << fn;
+            EXPECT_EQ(b.value, out.data()) << fn;
+            EXPECT_EQ(b.flags, type | OUT) << fn;
+            EXPECT_TRUE(std::equal(in.begin(), in.end(), out.begin())) << fn;
             // An in-out block comes back in a buffer the library allocated.
-            ASSERT_TRUE(c.length == n && c.value != both.data());
-            EXPECT_TRUE(std::equal(in.rbegin(), in.rend(), static_cast<uint8_t *>(c.value)));
+            ASSERT_EQ(c.length, n) << fn;
+            ASSERT_NE(c.value, both.data()) << fn;
+            EXPECT_TRUE(std::equal(in.rbegin(), in.rend(), static_cast<uint8_t *>(c.value))) << fn;
             std::free(c.value);
-            EXPECT_TRUE(neither == Bytes(n, 0x11) && f == 78);
+            EXPECT_EQ(neither, Bytes(n, 0x11)) << fn;
+            EXPECT_EQ(f, 78) << fn;
         }
     }
+    finish_session();
+    EXPECT_TRUE(has_flag(server->h, kCompress));
 }
 
 TEST_F(CallTest, OutputBlockCapacityDecidesWhereTheReplyLands) {
@@ -164,15 +176,20 @@ TEST_F(CallTest, OutputBlockCapacityDecidesWhereTheReplyLands) {
     RPCMemDesc fresh = desc(0, nullptr), got = desc(8, buf.data()), small = desc(99, room.data());
     // Capacity 0: the server function gets no buffer, the client a fresh one.
     ASSERT_EQ(echo_mem(desc(100, in.data()), fresh), 0);
-    EXPECT_TRUE(g_out.length == 0 && g_out.value == nullptr);
-    ASSERT_TRUE(fresh.length == 100 && std::memcmp(fresh.value, in.data(), 100) == 0);
+    EXPECT_EQ(g_out.length, 0);
+    EXPECT_EQ(g_out.value, nullptr);
+    ASSERT_EQ(fresh.length, 100);
+    ASSERT_EQ(std::memcmp(fresh.value, in.data(), 100), 0);
     std::free(fresh.value);
     // A string (length -3) arrives with its terminator.
     ASSERT_EQ(echo_mem(desc(-3, text), got), 0);
-    EXPECT_TRUE(got.length == 6 && std::memcmp(buf.data(), "hello\0xx", 8) == 0);
+    EXPECT_EQ(got.length, 6);
+    EXPECT_EQ(std::memcmp(buf.data(), "hello\0xx", 8), 0);
     // An empty input arrives as null; a returned size of 0 reads nothing.
     ASSERT_EQ(echo_mem(desc(0, nullptr), got), 0);
-    EXPECT_TRUE(g_in.value == nullptr && got.length == 0 && !std::memcmp(buf.data(), "hello\0xx", 8));
+    EXPECT_EQ(g_in.value, nullptr);
+    EXPECT_EQ(got.length, 0);
+    EXPECT_EQ(std::memcmp(buf.data(), "hello\0xx", 8), 0);
     // Too small: error 18, the callback sees it, and the code sticks.
     EXPECT_EQ(echo_mem(desc(100, in.data()), small), 1);
     EXPECT_EQ(client->error_code, RPC_TRUNC);
@@ -189,15 +206,19 @@ TEST_F(CallTest, VariantArraysTravelInEveryDirection) {
     RPCMemDesc a = desc(2, in), b = desc(2, out), c = desc(2, both);
     ASSERT_EQ(RPCExec(client, "variants", &a, &b, &c, int64_t{77}, &f), 0);
     EXPECT_EQ(g_variants, (std::vector{variant_text(in[0]), variant_text(in[1])}));
-    EXPECT_TRUE(o32 == 0x77777777 && std::string(omem, 5) == "wwwww");
-    EXPECT_TRUE(b32 == 0x02030405 && std::string(bmem) == "yz" && f == 78);
+    EXPECT_EQ(o32, 0x77777777);
+    EXPECT_EQ(std::string(omem, 5), "wwwww");
+    EXPECT_EQ(b32, 0x02030405);
+    EXPECT_EQ(std::string(bmem), "yz");
+    EXPECT_EQ(f, 78);
 }
 
 TEST_F(CallTest, UnknownNamesAreForgivenOtherFailuresStick) {
     int32_t out = 0;
     EXPECT_EQ(RPCExec(client, "no_such_function", int64_t{1}, &out), 1);
     EXPECT_EQ(client->error_code, 0);
-    EXPECT_TRUE(RPCExec(client, "add_one", int64_t{41}, &out) == 0 && out == 42);
+    EXPECT_EQ(RPCExec(client, "add_one", int64_t{41}, &out), 0);
+    EXPECT_EQ(out, 42);
     ASSERT_EQ(RPCDisconnect(client), 0);
     EXPECT_EQ(RPCExec(client, "add_one", int64_t{1}, &out), 1);
     EXPECT_EQ(client->error_code, RPC_BADSTATE);
@@ -232,6 +253,25 @@ TEST_F(CallTest, ThreadsSharingAHandleEachGetTheirOwnResults) {
          b = std::async(std::launch::async, wrong_results, 200000),
          c = std::async(std::launch::async, wrong_results, 300000);
     EXPECT_EQ(wrong_results(0) + a.get() + b.get() + c.get(), 0);
+}
+
+TEST_F(CallTest, AFailingCallOnASharedHandleNeverGivesAnotherThreadAWrongResult) {
+    // An unknown name fails and is cleared again while other threads call;
+    // the others may see the failure (it is sticky while it stands) but a
+    // call that reports success has the right result.
+    auto unknown = std::async(std::launch::async, [&] {
+        int succeeded = 0;
+        for (int i = 0; i < 200; ++i) succeeded += RPCExec(client, "no_such_function") == 0;
+        return succeeded;
+    });
+    int wrong = 0;
+    for (int32_t i = 0, out = -1; i < 400; ++i)
+        if (RPCExec(client, "add_one", int64_t{i}, &out) == 0) wrong += out != i + 1;
+    EXPECT_EQ(unknown.get(), 0);
+    EXPECT_EQ(wrong, 0);
+    int32_t out = -1;
+    EXPECT_EQ(RPCExec(client, "add_one", int64_t{1}, &out), 0);  // the handle stays usable
+    EXPECT_EQ(out, 2);
 }
 
 TEST(ArgumentCursor, AbortsOnAHandleOutputAndPastTheLastParameter) {

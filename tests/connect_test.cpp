@@ -128,7 +128,8 @@ TEST(Connect, TwoProcessesReconnectRepeatedly) {
     int status = -1;
     for (int waited = 0; waited < 1000 && waitpid(server, &status, WNOHANG) == 0; ++waited)
         usleep(10000);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "server status " << status;
+    EXPECT_TRUE(WIFEXITED(status)) << "server status " << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "server status " << status;
 }
 
 }  // namespace

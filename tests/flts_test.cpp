@@ -18,6 +18,27 @@ TEST(Floats, ThisBuildStoresTheNativeFormUnchanged) {
     }
 }
 
+TEST(Floats, GeneralRoutineBetweenTwoDescriptionsOfOneLayoutIsTheIdentity) {
+    // The same layouts under other ids: the conversion cannot take its
+    // equal-id shortcut, so every bit goes through the general routine.
+    int32_t f_alias[FLT_DESC_WORDS], d_alias[FLT_DESC_WORDS];
+    std::memcpy(f_alias, native_float, sizeof f_alias);
+    std::memcpy(d_alias, native_double, sizeof d_alias);
+    f_alias[0] = 99;
+    d_alias[0] = 98;
+    for (uint64_t bits : {0x3FF8000000000000ull, 0xC0091EB851EB851Full, 0x8000000000000000ull,
+                          0x7FF8000000000001ull, 0xFFEFFFFFFFFFFFFFull, 0x000FFFFFFFFFFFFFull}) {
+        uint64_t d = bits;
+        EXPECT_EQ(float_to_float(native_double, d_alias, &d), 0);
+        EXPECT_EQ(d, bits) << std::hex << bits;
+        EXPECT_EQ(float_to_float(d_alias, native_double, &d), 0);
+        EXPECT_EQ(d, bits) << std::hex << bits;
+        uint32_t f = static_cast<uint32_t>(bits >> 32);
+        EXPECT_EQ(float_to_float(native_float, f_alias, &f), 0);
+        EXPECT_EQ(f, static_cast<uint32_t>(bits >> 32)) << std::hex << bits;
+    }
+}
+
 TEST(Floats, ConversionRebiasesCopiesSignAndTruncatesMantissa) {
     // This build's float layout under another id, with bias 129 and 16
     // mantissa bits (word 11, the byte-0 piece, one bit wide).

@@ -122,18 +122,25 @@ TEST_F(ForeignServer, ClientSwapsNarrowsWidensAndIndexesForThePeer) {
                        " 0A0B0C0D FFFFFFFE 00000005 FFFFFFFF"));
     ASSERT_EQ(wait(pending), 0);
     // SQLLEN sign-extended, SQLULEN not.
-    EXPECT_TRUE(s == -7 && io == 0x0A0B0C0D && no == -2 && uo == 4294967295);
+    EXPECT_EQ(s, -7);
+    EXPECT_EQ(io, 0x0A0B0C0D);
+    EXPECT_EQ(no, -2);
+    EXPECT_EQ(uo, 4294967295);
     // SQLLEN arrays widen as unsigned unless the flags word is exactly the
     // type bit. A caller's buffer is left with the wire size, a fresh one
     // with its own.
-    EXPECT_TRUE(oarr.length == 8 && o[0] == 4294967295 && o[1] == 7);
-    EXPECT_TRUE(fresh.length == 16 && static_cast<int64_t *>(fresh.value)[1] == 9);
+    EXPECT_EQ(oarr.length, 8);
+    EXPECT_EQ(o[0], 4294967295);
+    EXPECT_EQ(o[1], 7);
+    EXPECT_EQ(fresh.length, 16);
+    EXPECT_EQ(static_cast<int64_t *>(fresh.value)[1], 9);
     std::free(fresh.value);
 
     pending = later([&] { return RPCExec(client, "ping", po, &b); });
     EXPECT_EQ(recv_packet(fd), be("44 0001 05000000"));  // the peer's own index
     send_packet(fd, le("44 0001 0000002A"));
-    EXPECT_TRUE(wait(pending) == 0 && b == 42);
+    EXPECT_EQ(wait(pending), 0);
+    EXPECT_EQ(b, 42);
 }
 
 TEST_F(ForeignServer, APeerLostMidCallSticksUntilReconnect) {
@@ -211,10 +218,14 @@ TEST(ForeignClient, ServerSwapsNarrowsWidensAndIndexesForThePeer) {
                   be("44 0000 00000008 FFFFFFFFFFFFFFFF 01020304 7FFFFFFF 01000000"));
         EXPECT_EQ(g_slots[3].value, p ? &g_object : nullptr);
     }
-    EXPECT_TRUE(slot(0) == 0x1234 && slot(1) == -2 && slot(2) == 4294967295);
+    EXPECT_EQ(slot(0), 0x1234);
+    EXPECT_EQ(slot(1), -2);
+    EXPECT_EQ(slot(2), 4294967295);
     // The input array is widened (as unsigned) into twice its wire size, the
     // output capacity doubled.
-    EXPECT_TRUE(g_slots[4].length == 8 && g_arr[0] == 4294967295 && g_arr[1] == 3);
+    EXPECT_EQ(g_slots[4].length, 8);
+    EXPECT_EQ(g_arr[0], 4294967295);
+    EXPECT_EQ(g_arr[1], 3);
     EXPECT_EQ(g_slots[5].length, 16);
     EXPECT_EQ(g_slots[9].value, peer.server.h);
 }

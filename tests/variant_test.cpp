@@ -45,7 +45,10 @@ TEST(Variant, FormFollowsModeAndDirection) {
     int32_t after = 0;
     RPCPopWVArray(w.rx, &got, &n, 0, "v");
     RPCPopInt32(w.rx, &after, "after");
-    EXPECT_TRUE(n == 2 && got[1].type == 0 && got[1].data == nullptr && after == 99);
+    EXPECT_EQ(n, 2);
+    EXPECT_EQ(got[1].type, 0);
+    EXPECT_EQ(got[1].data, nullptr);
+    EXPECT_EQ(after, 99);
     free_wvarray(got, n);
 }
 
@@ -81,7 +84,8 @@ TEST(Variant, ElementsRoundTripThroughServerAndBack) {
     RPCPopWVArray(w.rx, &mine, &n, RPC_OUT, "v");
     EXPECT_EQ(data, before);
     for (size_t k = 0; k < v.size(); ++k) EXPECT_EQ(v[k].type, kinds[k].first) << k;
-    EXPECT_TRUE(!w.tx->ptr_table && !w.rx->ptr_table);  // 8-byte pointers need no table
+    EXPECT_EQ(w.tx->ptr_table, nullptr);  // 8-byte pointers need no table
+    EXPECT_EQ(w.rx->ptr_table, nullptr);
     w.send(reply);
     v[6].length = 999;
     EXPECT_EQ(error_of([&] { RPCPopWVArray(w.rx, &mine, &n, RPC_OUT, "v"); }), RPC_TRUNC);

@@ -14,13 +14,14 @@ UnameFn uname_fn = ::uname;
 
 namespace {
 
-// Process-wide and unguarded; each holds 50 characters and the spare byte that
-// copy() may write a terminator into. QXRPCGetPtrSize and QXRPCGetSqlLenSize
-// share `pointersize`, so each overwrites the other's text.
-char systemtype[kInfoTextSize + 1];
-char systeminfo[kInfoTextSize + 1];
-char processortype[kInfoTextSize + 1];
-char pointersize[kInfoTextSize + 1];
+// One set per thread: every negotiation rewrites them, and handles connect
+// from several threads at once. Each holds 50 characters and the spare byte
+// that copy() may write a terminator into. QXRPCGetPtrSize and
+// QXRPCGetSqlLenSize share `pointersize`, so each overwrites the other's text.
+thread_local char systemtype[kInfoTextSize + 1];
+thread_local char systeminfo[kInfoTextSize + 1];
+thread_local char processortype[kInfoTextSize + 1];
+thread_local char pointersize[kInfoTextSize + 1];
 
 constexpr const char *kUndetermined = "undetermined";
 
