@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the build needs, skipping those present.
 set -euo pipefail
-packages=(g++ make cmake pkg-config liblzo2-dev libgtest-dev libgmock-dev doxygen
+packages=(g++ make cmake pkg-config liblzo2-dev libgtest-dev libgmock-dev doxygen man-db
           unixodbc unixodbc-dev libsqliteodbc python3-pyodbc python3-pytest sqlite3
           clang libclang-rt-14-dev)
 missing=()
