@@ -1,7 +1,7 @@
 // Library handles on TCP loopback for end-to-end tests: a server that accepts
 // one peer and runs its dispatch loop on a thread of its own, and clients.
-// Header-only. Handles are initialised and terminated on the test's thread
-// only, since that bookkeeping is process-wide.
+// Header-only, and through the public API alone. Handles are initialised and
+// terminated on the test's thread only, since that bookkeeping is process-wide.
 #pragma once
 
 #include <unistd.h>
@@ -13,7 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "base/handle.h"
+#include <zephrpc.h>
+
 #include "helpers/raw_peer.h"
 
 namespace zrpc::test {
@@ -21,6 +22,12 @@ namespace zrpc::test {
 constexpr const char *kUid = "call-test";
 constexpr uint32_t IN = RPC_IN, OUT = RPC_OUT, INOUT = RPC_IN | RPC_OUT;
 using Params = std::initializer_list<std::pair<uint32_t, const char *>>;  // flags and name
+
+// The handle's error code, as a user reads it.
+inline int32_t error_of(HRPC h) {
+    const char *text = nullptr;
+    return RPCReportError(h, &text);
+}
 
 inline RPCFuncDesc F(const char *name, RPCServerFn fn, Params params) {
     RPCFuncDesc d{};
@@ -67,7 +74,7 @@ struct ServedHandle {
         : h(new_handle(RPC_MODE_SERVER, port, tracing)) {
         RPCExport(h, table);
         done = std::async(std::launch::async, [this] {
-            const int32_t r = RPCConnect(h, 1, 0, kUid) ? -1 : RPCRun(h) != 1 ? -2 : h->error_code;
+            const int32_t r = RPCConnect(h, 1, 0, kUid) ? -1 : RPCRun(h) != 1 ? -2 : error_of(h);
             RPCDisconnect(h);  // at once: a client's orderly close waits for it
             return r;
         });

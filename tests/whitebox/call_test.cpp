@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "base/handle.h"
 #include "helpers/log_file.h"
 #include "helpers/served.h"
 

@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "helpers/log_file.h"
 #include "helpers/served.h"
+#include "helpers/trace_tail.h"
 
 namespace zrpc::test {
 namespace {
@@ -151,7 +151,7 @@ TEST_F(ForeignServer, APeerLostMidCallSticksUntilReconnect) {
         EXPECT_EQ(recv_packet(fd), be("44 0001 00000000"));
         drop();
         EXPECT_EQ(wait(pending), 1);
-        EXPECT_EQ(client->error_code, RPC_ETRANSPORT);
+        EXPECT_EQ(error_of(client), RPC_ETRANSPORT);
         EXPECT_EQ(RPCExec(client, "ping", nullptr, &b), 1);  // refused: no callback
         ASSERT_EQ(RPCDisconnect(client), 0);
     }
@@ -233,7 +233,7 @@ TEST(ForeignClient, ServerSwapsNarrowsWidensAndIndexesForThePeer) {
 // Popped from a 4-byte peer, a SQLLEN's trace line shows what its slot held
 // before (here the previous call's value), as a client's shows its variable's.
 TEST(ForeignClient, FourByteSqlLenTracesTheSlotsPreviousValue) {
-    reset_logs();
+    const TraceTail tail;
     std::string params = kPeerParams;
     params.replace(params.find("05:^"), 4, "05:a^");
     ForeignClient peer(params);
@@ -243,7 +243,7 @@ TEST(ForeignClient, FourByteSqlLenTracesTheSlotsPreviousValue) {
         ASSERT_TRUE(recv_packet(peer.fd));
     }
     peer.end();
-    const std::string trace = read_trace_log();
+    const std::string trace = tail.read();
     const auto first = trace.find("popped sqllen n ");
     ASSERT_NE(first, std::string::npos) << trace;
     EXPECT_EQ(trace.substr(first, 18), "popped sqllen n 0\n");
