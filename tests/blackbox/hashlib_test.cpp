@@ -5,7 +5,7 @@
 #include <cstring>
 #include <tuple>
 
-#include "support/hashlib.h"
+#include <zephrpc.h>
 
 namespace {
 
