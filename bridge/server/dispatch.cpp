@@ -1,5 +1,6 @@
 // The library-facing side of the server: the exported function table, the
 // one entry point every operation goes through, and the serving loop.
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -149,7 +150,14 @@ int serve_descriptor(int fd, const Config &config) {
         (tty = tty_transport(h)) &&
         RPCSetTransportOpts(h, *tty, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
                             nullptr) == 0) {
-        if (RPCConnect(h, zb::kProtocolVersion, zb::kProtocolRevision, zb::kProtocolName) == 0) {
+        // A peer that does not negotiate in time is cut off (SIGALRM ends
+        // the process): connections that never speak must not pile up.
+        signal(SIGALRM, SIG_DFL);
+        alarm(config.negotiation_timeout);
+        const int32_t connected =
+            RPCConnect(h, zb::kProtocolVersion, zb::kProtocolRevision, zb::kProtocolName);
+        alarm(0);
+        if (connected == 0) {
             RPCRun(h);  // returns when the client leaves or the stream breaks
             log_error(h, "serving");
             status = 0;

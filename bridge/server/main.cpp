@@ -1,10 +1,14 @@
 // zephodbc-server: serves ODBC data sources of this machine to bridge drivers.
 //
-//   zephodbc-server --listen [HOST:]PORT [--allow-dsn NAME]...
-//   zephodbc-server --inetd [--allow-dsn NAME]...
+//   zephodbc-server --listen [HOST:]PORT [--max-clients N] [OPTIONS]
+//   zephodbc-server --inetd [OPTIONS]
+//   OPTIONS: --allow-dsn NAME (repeatable), --negotiation-timeout SECONDS
 //
 // In listen mode the parent only accepts: every connection is served by a
-// forked child, so a child that fails takes no other client with it.
+// forked child, so a child that fails takes no other client with it. At most
+// --max-clients children serve at once; a client beyond them is told the
+// server is busy (08004) by a short-lived child of its own, and beyond a few
+// of those the connection is simply closed.
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <poll.h>
@@ -16,6 +20,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <set>
 #include <string>
@@ -30,8 +35,9 @@ void on_stop(int) { g_stop = 1; }
 
 int usage() {
     fprintf(stderr,
-            "usage: zephodbc-server --listen [HOST:]PORT [--allow-dsn NAME]...\n"
-            "       zephodbc-server --inetd [--allow-dsn NAME]...\n");
+            "usage: zephodbc-server --listen [HOST:]PORT [--max-clients N] [OPTIONS]\n"
+            "       zephodbc-server --inetd [OPTIONS]\n"
+            "options: --allow-dsn NAME (repeatable), --negotiation-timeout SECONDS\n");
     return 2;
 }
 
@@ -73,15 +79,22 @@ void print_address(int fd) {
     fflush(stdout);
 }
 
-std::set<pid_t> g_children;
+std::set<pid_t> g_children;  // serving a client
+std::set<pid_t> g_refusers;  // telling a client the server is busy
+constexpr size_t kMaxRefusers = 8;
 
 void reap() {
     pid_t pid;
-    while ((pid = waitpid(-1, nullptr, WNOHANG)) > 0) g_children.erase(pid);
+    while ((pid = waitpid(-1, nullptr, WNOHANG)) > 0) {
+        g_children.erase(pid);
+        g_refusers.erase(pid);
+    }
 }
 
 // Stops the children still serving clients: politely, then for sure.
 void stop_children() {
+    g_children.insert(g_refusers.begin(), g_refusers.end());
+    g_refusers.clear();
     for (pid_t pid : g_children) kill(pid, SIGTERM);
     for (int i = 0; i < 50 && !g_children.empty(); ++i) {
         usleep(100000);
@@ -92,7 +105,9 @@ void stop_children() {
     g_children.clear();
 }
 
-int serve_forever(int listener, const zbs::Config &config) {
+int serve_forever(int listener, const zbs::Config &config, size_t max_clients) {
+    zbs::Config busy = config;
+    busy.busy = "server busy: " + std::to_string(max_clients) + " clients are connected (--max-clients)";
     struct sigaction sa {};
     sa.sa_handler = on_stop;
     sigaction(SIGTERM, &sa, nullptr);
@@ -103,6 +118,12 @@ int serve_forever(int listener, const zbs::Config &config) {
         if (poll(&p, 1, 200) <= 0) continue;
         int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) continue;
+        reap();  // children that ended while we waited no longer count
+        const bool full = g_children.size() >= max_clients;
+        if (full && g_refusers.size() >= kMaxRefusers) {
+            close(fd);  // a flood: not even a refusal
+            continue;
+        }
         pid_t child = fork();
         if (child == 0) {
             signal(SIGTERM, SIG_DFL);
@@ -110,10 +131,10 @@ int serve_forever(int listener, const zbs::Config &config) {
             close(listener);
             fcntl(fd, F_SETFD, 0);
             // _exit: the driver manager's exit handlers belong to the parent.
-            _exit(zbs::serve_descriptor(fd, config));
+            _exit(zbs::serve_descriptor(fd, full ? busy : config));
         }
         if (child < 0) fprintf(stderr, "zephodbc-server: fork: %s\n", strerror(errno));
-        else g_children.insert(child);
+        else (full ? g_refusers : g_children).insert(child);
         close(fd);
     }
     close(listener);
@@ -127,11 +148,23 @@ int main(int argc, char **argv) {
     std::string listen_at;
     bool inetd = false;
     zbs::Config config;
+    size_t max_clients = 64;
+    auto number = [](const char *text, size_t &out) {
+        char *end = nullptr;
+        const unsigned long n = std::strtoul(text, &end, 10);
+        if (end == text || *end != '\0' || n == 0 || n > 100000) return false;
+        out = n;
+        return true;
+    };
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
+        size_t n = 0;
         if (a == "--listen" && i + 1 < argc) listen_at = argv[++i];
         else if (a == "--inetd") inetd = true;
         else if (a == "--allow-dsn" && i + 1 < argc) config.allowed_dsns.insert(argv[++i]);
+        else if (a == "--max-clients" && i + 1 < argc && number(argv[++i], n)) max_clients = n;
+        else if (a == "--negotiation-timeout" && i + 1 < argc && number(argv[++i], n))
+            config.negotiation_timeout = static_cast<unsigned>(n);
         else return usage();
     }
     if (inetd == !listen_at.empty()) return usage();
@@ -141,5 +174,5 @@ int main(int argc, char **argv) {
     if (listener < 0) return 1;
     zbs::preload_drivers(config);
     print_address(listener);
-    return serve_forever(listener, config);
+    return serve_forever(listener, config, max_clients);
 }

@@ -66,6 +66,11 @@ void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out)
         }
         connect += key + "=" + braced(value) + ";";
     }
+    if (!s.config().busy.empty()) {
+        out.rc = SQL_ERROR;
+        out.diags.push_back(bridge_diag("08004", s.config().busy));
+        return;
+    }
     const auto &allowed = s.config().allowed_dsns;
     if (!allowed.empty() && allowed.count(dsn) == 0) {
         out.rc = SQL_ERROR;

@@ -44,6 +44,8 @@ struct Connection {
 
 struct Config {
     std::set<std::string> allowed_dsns;  // empty: every DSN
+    unsigned negotiation_timeout = 10;   // seconds a new client has to negotiate
+    std::string busy;                    // not empty: every connect is refused (08004) with it
 };
 
 // What a handler tells the dispatcher besides its return code.

@@ -10,6 +10,7 @@ import glob
 import os
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -46,6 +47,21 @@ def _die_with_parent():
     # Should this test process die before its fixtures stop the server (a
     # crash, a kill), the server is told to stop too.
     _libc.prctl(PR_SET_PDEATHSIG, signal.SIGTERM)
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def wait_until(predicate, seconds=15):
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        if predicate():
+            return True
+        time.sleep(0.05)
+    return predicate()
 
 
 class Server:

@@ -7,35 +7,19 @@ import socket
 import subprocess
 import sys
 import threading
-import time
 
 import pyodbc
 import pytest
 
-from conftest import DRIVER, SERVER, Server, _die_with_parent
+from conftest import DRIVER, SERVER, Server, _die_with_parent, free_port, wait_until
 
 SQL_INVALID_HANDLE = -2
 COUNTING = ("with recursive s(n) as (select 1 union all select n + 1 from s where n < 100000) "
             "select n from s")
 
 
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
 def state_of(excinfo):
     return excinfo.value.args[0]
-
-
-def wait_until(predicate, seconds=15):
-    deadline = time.monotonic() + seconds
-    while time.monotonic() < deadline:
-        if predicate():
-            return True
-        time.sleep(0.05)
-    return predicate()
 
 
 def still_serves(setup):
