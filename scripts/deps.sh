@@ -3,7 +3,8 @@
 set -euo pipefail
 packages=(g++ make cmake pkg-config liblzo2-dev libgtest-dev libgmock-dev doxygen man-db
           unixodbc unixodbc-dev libsqliteodbc python3-pyodbc python3-pytest sqlite3
-          clang libclang-rt-14-dev systemd)
+          clang libclang-rt-14-dev systemd
+          postgresql odbc-postgresql)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -19,6 +19,7 @@ ZBD_EXPORT SQLRETURN SQLConnect(SQLHDBC h, SQLCHAR *dsn, SQLSMALLINT dsn_len, SQ
                                 SQLSMALLINT uid_len, SQLCHAR *pwd, SQLSMALLINT pwd_len) {
     Dbc *d = dbc_of(h);
     return guarded(d, [&]() -> SQLRETURN {
+        d->wide = false;
         return connect_dsn(*d, in_text(dsn, dsn_len), in_text(uid, uid_len), in_text(pwd, pwd_len));
     });
 }
@@ -28,6 +29,7 @@ ZBD_EXPORT SQLRETURN SQLDriverConnect(SQLHDBC h, SQLHWND, SQLCHAR *in, SQLSMALLI
                                       SQLUSMALLINT) {
     Dbc *d = dbc_of(h);
     return guarded(d, [&]() -> SQLRETURN {
+        d->wide = false;
         return connect_with(*d, in_text(in, in_len).value_or(""), narrow(out, out_cap), out_len);
     });
 }

@@ -38,6 +38,7 @@ SQLRETURN open_remote(Dbc &dbc, const Settings &s) {
         w.str(k);
         w.str(v);
     }
+    w.u8(dbc.wide);
     Reply r = call(dbc, zb::Op::Connect, 0, w);
     SQLRETURN rc = adopt(dbc, r);
     if (SQL_SUCCEEDED(rc)) dbc.remote = r.in.u64();

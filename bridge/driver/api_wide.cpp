@@ -27,13 +27,19 @@ SQLRETURN wide_catalog(SQLHSTMT h, zb::CatalogFn fn, std::vector<Text> texts, st
 ZBD_EXPORT SQLRETURN SQLConnectW(SQLHDBC h, SQLWCHAR *dsn, SQLSMALLINT dl, SQLWCHAR *uid,
                                  SQLSMALLINT ul, SQLWCHAR *pwd, SQLSMALLINT pl) {
     Dbc *d = dbc_of(h);
-    return guarded(d, [&]() -> SQLRETURN { return connect_dsn(*d, wt(dsn, dl), wt(uid, ul), wt(pwd, pl)); });
+    return guarded(d, [&]() -> SQLRETURN {
+        d->wide = true;
+        return connect_dsn(*d, wt(dsn, dl), wt(uid, ul), wt(pwd, pl));
+    });
 }
 
 ZBD_EXPORT SQLRETURN SQLDriverConnectW(SQLHDBC h, SQLHWND, SQLWCHAR *in, SQLSMALLINT il, SQLWCHAR *out,
                                        SQLSMALLINT cap, SQLSMALLINT *len, SQLUSMALLINT) {
     Dbc *d = dbc_of(h);
-    return guarded(d, [&]() -> SQLRETURN { return connect_with(*d, wt(in, il).value_or(""), chars(out, cap), len); });
+    return guarded(d, [&]() -> SQLRETURN {
+        d->wide = true;
+        return connect_with(*d, wt(in, il).value_or(""), chars(out, cap), len);
+    });
 }
 
 ZBD_EXPORT SQLRETURN SQLSetConnectAttrW(SQLHDBC h, SQLINTEGER attr, SQLPOINTER value, SQLINTEGER len) {

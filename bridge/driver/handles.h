@@ -65,6 +65,7 @@ struct Dbc : Handle {
     HRPC rpc = nullptr;
     uint64_t remote = 0;  // the server's connection
     bool broken = false;  // the transport failed: only disconnect helps
+    bool wide = false;    // the application connected through the wide entry points
     std::vector<ConnectAttr> pending;  // set before connecting
     std::map<int, std::pair<SQLRETURN, std::vector<uint8_t>>> info;  // SQLGetInfo answers
     std::set<Stmt *> statements;

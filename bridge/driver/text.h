@@ -14,9 +14,6 @@ namespace zbd {
 std::optional<std::string> in_text(const SQLCHAR *text, SQLINTEGER length);
 std::optional<std::string> in_wtext(const SQLWCHAR *text, SQLINTEGER length);  // length in characters
 
-std::u16string utf8_to_utf16(const std::string &s);
-std::string utf16_to_utf8(const char16_t *s, size_t n);
-
 // Copies text into buffer (capacity in bytes for 8-bit text). Writes the
 // full length to *length when given. Adds 01004 to h and returns
 // SQL_SUCCESS_WITH_INFO when it had to cut.

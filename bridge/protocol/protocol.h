@@ -15,7 +15,7 @@ namespace zb {
 // Checked by the library's negotiation: a server of another protocol version
 // refuses the connection (the client sees it as 08001).
 inline constexpr int32_t kProtocolVersion = 1;
-inline constexpr int32_t kProtocolRevision = 0;
+inline constexpr int32_t kProtocolRevision = 1;
 inline constexpr const char *kProtocolName = "zephodbc";
 
 // The operations. Names are what crosses the wire; keep them stable.

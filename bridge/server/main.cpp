@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -168,6 +169,7 @@ int main(int argc, char **argv) {
         else return usage();
     }
     if (inetd == !listen_at.empty()) return usage();
+    setlocale(LC_CTYPE, "C.UTF-8");
     signal(SIGPIPE, SIG_IGN);
     if (inetd) return zbs::serve_descriptor(0, config);
     int listener = open_listener(listen_at);

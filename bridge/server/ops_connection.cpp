@@ -4,6 +4,7 @@
 
 #include "protocol/odbc_kinds.h"
 #include "server/ops.h"
+#include "server/wide.h"
 
 namespace zbs {
 namespace {
@@ -32,9 +33,14 @@ std::string braced(const std::string &v) {
 
 void set_attr(SQLHDBC dbc, SQLINTEGER attr, bool text, int64_t value, const std::string &s,
               Outcome &out) {
-    SQLRETURN rc = text ? SQLSetConnectAttr(dbc, attr, (SQLPOINTER)s.c_str(),
-                                            static_cast<SQLINTEGER>(s.size()))
-                        : SQLSetConnectAttr(dbc, attr, (SQLPOINTER)(intptr_t)value, 0);
+    SQLRETURN rc;
+    if (text && wide_calls()) {
+        std::u16string w = to_wide(s);
+        rc = SQLSetConnectAttrW(dbc, attr, wide_ptr(w), static_cast<SQLINTEGER>(2 * w.size()));
+    } else {
+        rc = text ? SQLSetConnectAttr(dbc, attr, (SQLPOINTER)s.c_str(), static_cast<SQLINTEGER>(s.size()))
+                  : SQLSetConnectAttr(dbc, attr, (SQLPOINTER)(intptr_t)value, 0);
+    }
     collect_diags(SQL_HANDLE_DBC, dbc, rc, out);
 }
 
@@ -66,6 +72,7 @@ void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out)
         }
         connect += key + "=" + braced(value) + ";";
     }
+    use_wide_calls(in.u8() != 0 && driver_has_wide_calls(dsn));
     if (!s.config().busy.empty()) {
         out.rc = SQL_ERROR;
         out.diags.push_back(bridge_diag("08004", s.config().busy));
@@ -97,9 +104,18 @@ void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out)
         Outcome ignored;
         set_attr(c->h, a.attr, a.text, a.value, a.s, ignored);
     }
+    // The way the application connected: a driver such as psqlODBC reports
+    // wide column types only to a connection made through the wide calls.
     SQLSMALLINT len = 0;
-    rc = SQLDriverConnect(c->h, nullptr, (SQLCHAR *)connect.c_str(), SQL_NTS, nullptr, 0, &len,
-                          SQL_DRIVER_NOPROMPT);
+    if (wide_calls()) {
+        std::u16string text = to_wide(connect);
+        rc = SQLDriverConnectW(c->h, nullptr, wide_ptr(text),
+                               static_cast<SQLSMALLINT>(text.size()), nullptr, 0, &len,
+                               SQL_DRIVER_NOPROMPT);
+    } else {
+        rc = SQLDriverConnect(c->h, nullptr, (SQLCHAR *)connect.c_str(), SQL_NTS, nullptr, 0,
+                              &len, SQL_DRIVER_NOPROMPT);
+    }
     collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
     c->connected = SQL_SUCCEEDED(rc);
     w.u64(reinterpret_cast<uintptr_t>(c->connected ? c : nullptr));
@@ -131,10 +147,14 @@ void op_get_connect_attr(Session &, void *obj, zb::Reader &in, zb::Writer &w, Ou
     int32_t attr = in.i32();
     std::vector<char> buf(4096, 0);
     SQLINTEGER len = 0;
-    SQLRETURN rc = SQLGetConnectAttr(c->h, attr, buf.data(), static_cast<SQLINTEGER>(buf.size()),
-                                     &len);
+    const bool text = zb::connect_attr_is_text(attr);
+    SQLRETURN rc = text && wide_calls()
+                       ? SQLGetConnectAttrW(c->h, attr, buf.data(), static_cast<SQLINTEGER>(buf.size() - 2), &len)
+                       : SQLGetConnectAttr(c->h, attr, buf.data(), static_cast<SQLINTEGER>(buf.size()), &len);
     collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
-    if (zb::connect_attr_is_text(attr)) {
+    if (text && wide_calls()) {
+        w.str(from_wide(reinterpret_cast<SQLWCHAR *>(buf.data()), static_cast<size_t>(std::clamp<SQLINTEGER>(len, 0, 4092)) / 2));
+    } else if (text) {
         w.str(std::string(buf.data(), std::clamp<SQLINTEGER>(len, 0, 4095)));
     } else {
         SQLULEN v = 0;
@@ -148,12 +168,21 @@ void op_get_info(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &o
     int32_t type = in.i32();
     std::vector<char> buf(8192, 0);
     SQLSMALLINT len = 0;
-    SQLRETURN rc = SQLGetInfo(c->h, static_cast<SQLUSMALLINT>(type), buf.data(),
-                              static_cast<SQLSMALLINT>(buf.size()), &len);
+    const bool wide = wide_calls() && zb::info_kind(type) == zb::ValueKind::Text;
+    SQLRETURN rc = wide ? SQLGetInfoW(c->h, static_cast<SQLUSMALLINT>(type), buf.data(),
+                                      static_cast<SQLSMALLINT>(buf.size() - 2), &len)
+                        : SQLGetInfo(c->h, static_cast<SQLUSMALLINT>(type), buf.data(),
+                                     static_cast<SQLSMALLINT>(buf.size()), &len);
     collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
     switch (zb::info_kind(type)) {
     case zb::ValueKind::Text:
-        w.bytes(buf.data(), static_cast<size_t>(std::clamp<SQLSMALLINT>(len, 0, 8191)));
+        if (wide) {
+            const std::string text = from_wide(reinterpret_cast<SQLWCHAR *>(buf.data()),
+                                               static_cast<size_t>(std::clamp<SQLSMALLINT>(len, 0, 8188)) / 2);
+            w.bytes(text.data(), text.size());
+        } else {
+            w.bytes(buf.data(), static_cast<size_t>(std::clamp<SQLSMALLINT>(len, 0, 8191)));
+        }
         break;
     case zb::ValueKind::Int16:
         w.bytes(buf.data(), 2);
@@ -177,6 +206,15 @@ void op_native_sql(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome 
     auto *c = static_cast<Connection *>(obj);
     std::string sql = in.str();
     SQLINTEGER len = 0;
+    if (wide_calls()) {
+        std::u16string text = to_wide(sql);
+        std::vector<SQLWCHAR> buf(text.size() * 2 + 1024);
+        SQLRETURN rc = SQLNativeSqlW(c->h, wide_ptr(text), static_cast<SQLINTEGER>(text.size()), buf.data(),
+                                     static_cast<SQLINTEGER>(buf.size()), &len);
+        collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
+        w.str(from_wide(buf.data(), std::clamp<size_t>(static_cast<size_t>(std::max(len, 0)), 0, buf.size() - 1)));
+        return;
+    }
     std::vector<char> buf(sql.size() * 2 + 1024);
     SQLRETURN rc = SQLNativeSql(c->h, (SQLCHAR *)sql.data(), static_cast<SQLINTEGER>(sql.size()),
                                 (SQLCHAR *)buf.data(), static_cast<SQLINTEGER>(buf.size()), &len);

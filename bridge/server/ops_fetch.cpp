@@ -5,6 +5,7 @@
 
 #include "protocol/odbc_kinds.h"
 #include "server/ops.h"
+#include "server/wide.h"
 
 namespace zbs {
 namespace {
@@ -64,6 +65,26 @@ SQLRETURN bind_columns(Statement &s, const std::vector<ColumnRequest> &req, SQLU
         if (!SQL_SUCCEEDED(rc)) return rc;
     }
     return SQL_SUCCESS;
+}
+
+// SQLColAttribute: the text (when the field has one) and the number.
+SQLRETURN col_attribute(SQLHSTMT h, SQLUSMALLINT column, SQLUSMALLINT field, std::string &text,
+                        SQLLEN &number) {
+    SQLSMALLINT len = 0;
+    if (wide_calls()) {
+        std::vector<SQLWCHAR> buf(2048, 0);
+        SQLRETURN rc = SQLColAttributeW(h, column, field, buf.data(), static_cast<SQLSMALLINT>(2 * (buf.size() - 1)),
+                                        &len, &number);
+        size_t n = len > 0 ? std::min<size_t>(static_cast<size_t>(len) / 2, buf.size() - 1) : 0;
+        while (len <= 0 && n < buf.size() - 1 && buf[n] != 0) ++n;
+        text = from_wide(buf.data(), n);
+        return rc;
+    }
+    std::vector<char> buf(4096, 0);
+    SQLRETURN rc = SQLColAttribute(h, column, field, buf.data(), static_cast<SQLSMALLINT>(buf.size()), &len, &number);
+    size_t n = len > 0 ? std::min<size_t>(static_cast<size_t>(len), 4095) : strnlen(buf.data(), 4095);
+    text.assign(buf.data(), n);
+    return rc;
 }
 
 }  // namespace
@@ -131,17 +152,14 @@ void op_col_attribute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outco
     w.u32(static_cast<uint32_t>(last >= from ? (last - from + 1) * fields.size() : 0));
     for (SQLUSMALLINT column = from; column <= last; ++column) {
         for (SQLUSMALLINT field : fields) {
-            std::vector<char> text(4096, 0);
-            SQLSMALLINT len = 0;
+            std::string value;
             SQLLEN number = 0;
-            SQLRETURN rc = SQLColAttribute(s.h, column, field, text.data(),
-                                           static_cast<SQLSMALLINT>(text.size()), &len, &number);
+            SQLRETURN rc = col_attribute(s.h, column, field, value, number);
             if (first != 0) collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
-            size_t n = len > 0 ? std::min<size_t>(static_cast<size_t>(len), 4095) : strnlen(text.data(), 4095);
             w.i16(static_cast<int16_t>(column));
             w.i16(static_cast<int16_t>(field));
             w.i16(rc);
-            w.str(std::string(text.data(), n));
+            w.str(value);
             w.i64(number);
         }
     }

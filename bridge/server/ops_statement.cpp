@@ -5,6 +5,7 @@
 
 #include "protocol/odbc_kinds.h"
 #include "server/ops.h"
+#include "server/wide.h"
 
 namespace zbs {
 namespace {
@@ -59,6 +60,84 @@ SQLRETURN worst(SQLRETURN a, SQLRETURN b) {
     return a == SQL_SUCCESS ? b : a;
 }
 
+// The catalog function `fn` with text arguments t and numbers n; nullopt for
+// an unknown function. The 8-bit and the wide calls.
+using Texts = std::vector<std::optional<std::string>>;
+
+template <typename Char, typename Arg>
+std::optional<SQLRETURN> run_catalog(SQLHSTMT h, zb::CatalogFn fn, const std::vector<int16_t> &n, Arg p,
+                                     auto calls) {
+    auto l = [&](int i) { return p(i) ? static_cast<SQLSMALLINT>(calls.length(i)) : SQLSMALLINT{0}; };
+    switch (fn) {
+    case zb::CatalogFn::Tables: return calls.tables(h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3));
+    case zb::CatalogFn::Columns: return calls.columns(h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3));
+    case zb::CatalogFn::PrimaryKeys: return calls.primary_keys(h, p(0), l(0), p(1), l(1), p(2), l(2));
+    case zb::CatalogFn::ForeignKeys:
+        return calls.foreign_keys(h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3), p(4), l(4), p(5), l(5));
+    case zb::CatalogFn::Statistics: return calls.statistics(h, p(0), l(0), p(1), l(1), p(2), l(2), n[0], n[1]);
+    case zb::CatalogFn::SpecialColumns:
+        return calls.special_columns(h, n[0], p(0), l(0), p(1), l(1), p(2), l(2), n[1], n[2]);
+    case zb::CatalogFn::Procedures: return calls.procedures(h, p(0), l(0), p(1), l(1), p(2), l(2));
+    case zb::CatalogFn::ProcedureColumns:
+        return calls.procedure_columns(h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3));
+    case zb::CatalogFn::GetTypeInfo: return calls.type_info(h, n[0]);
+    case zb::CatalogFn::TablePrivileges: return calls.table_privileges(h, p(0), l(0), p(1), l(1), p(2), l(2));
+    case zb::CatalogFn::ColumnPrivileges:
+        return calls.column_privileges(h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3));
+    default:
+        return std::nullopt;
+    }
+}
+
+// The catalog calls, 8-bit (no suffix) or wide (suffix W), as members.
+#define ZBS_CATALOG_CALLS(W) \
+    decltype(&SQLTables##W) tables = SQLTables##W; \
+    decltype(&SQLColumns##W) columns = SQLColumns##W; \
+    decltype(&SQLPrimaryKeys##W) primary_keys = SQLPrimaryKeys##W; \
+    decltype(&SQLForeignKeys##W) foreign_keys = SQLForeignKeys##W; \
+    decltype(&SQLStatistics##W) statistics = SQLStatistics##W; \
+    decltype(&SQLSpecialColumns##W) special_columns = SQLSpecialColumns##W; \
+    decltype(&SQLProcedures##W) procedures = SQLProcedures##W; \
+    decltype(&SQLProcedureColumns##W) procedure_columns = SQLProcedureColumns##W; \
+    decltype(&SQLGetTypeInfo##W) type_info = SQLGetTypeInfo##W; \
+    decltype(&SQLTablePrivileges##W) table_privileges = SQLTablePrivileges##W; \
+    decltype(&SQLColumnPrivileges##W) column_privileges = SQLColumnPrivileges##W;
+
+std::optional<SQLRETURN> catalog(SQLHSTMT h, zb::CatalogFn fn, Texts &t, const std::vector<int16_t> &n) {
+    struct {
+        Texts &t;
+        size_t length(int i) const { return t[i]->size(); }
+        ZBS_CATALOG_CALLS()
+    } calls{t};
+    auto p = [&](int i) { return t[i] ? (SQLCHAR *)t[i]->data() : nullptr; };
+    return run_catalog<SQLCHAR>(h, fn, n, p, calls);
+}
+
+std::optional<SQLRETURN> catalog_wide(SQLHSTMT h, zb::CatalogFn fn, Texts &t, const std::vector<int16_t> &n) {
+    std::vector<std::optional<std::u16string>> wt(t.size());
+    for (size_t i = 0; i < t.size(); ++i)
+        if (t[i]) wt[i] = to_wide(*t[i]);
+    struct {
+        std::vector<std::optional<std::u16string>> &t;
+        size_t length(int i) const { return t[i]->size(); }
+        ZBS_CATALOG_CALLS(W)
+    } calls{wt};
+    auto p = [&](int i) { return wt[i] ? wide_ptr(*wt[i]) : nullptr; };
+    return run_catalog<SQLWCHAR>(h, fn, n, p, calls);
+}
+
+SQLRETURN prepare(SQLHSTMT h, const std::string &sql) {
+    if (!wide_calls()) return SQLPrepare(h, (SQLCHAR *)sql.data(), static_cast<SQLINTEGER>(sql.size()));
+    std::u16string w = to_wide(sql);
+    return SQLPrepareW(h, wide_ptr(w), static_cast<SQLINTEGER>(w.size()));
+}
+
+SQLRETURN exec_direct(SQLHSTMT h, const std::string &sql) {
+    if (!wide_calls()) return SQLExecDirect(h, (SQLCHAR *)sql.data(), static_cast<SQLINTEGER>(sql.size()));
+    std::u16string w = to_wide(sql);
+    return SQLExecDirectW(h, wide_ptr(w), static_cast<SQLINTEGER>(w.size()));
+}
+
 }  // namespace
 
 void op_free_stmt(Session &sess, void *obj, zb::Reader &in, zb::Writer &, Outcome &out) {
@@ -96,7 +175,7 @@ void op_prepare(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
     Statement &s = stmt(obj);
     close_if_asked(s, in);
     std::string sql = in.str();
-    SQLRETURN rc = SQLPrepare(s.h, (SQLCHAR *)sql.data(), static_cast<SQLINTEGER>(sql.size()));
+    SQLRETURN rc = prepare(s.h, sql);
     collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
     SQLSMALLINT params = 0;
     SQLRETURN prc = SQL_SUCCEEDED(rc) ? SQLNumParams(s.h, &params) : SQL_ERROR;
@@ -133,7 +212,7 @@ void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
     SQLFreeStmt(s.h, SQL_RESET_PARAMS);
     // Parameter arrays run one set at a time: some targets cannot take them.
     if (direct && sets > 1) {
-        rc = SQLPrepare(s.h, (SQLCHAR *)sql.data(), static_cast<SQLINTEGER>(sql.size()));
+        rc = prepare(s.h, sql);
         collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
     }
     for (uint64_t set = 0; set < sets && SQL_SUCCEEDED(rc); ++set) {
@@ -145,7 +224,7 @@ void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
         SQLRETURN one = bind_set(s, specs);
         if (SQL_SUCCEEDED(one)) {
             if (direct && sets == 1)
-                one = SQLExecDirect(s.h, (SQLCHAR *)sql.data(), static_cast<SQLINTEGER>(sql.size()));
+                one = exec_direct(s.h, sql);
             else
                 one = SQLExecute(s.h);
         }
@@ -199,37 +278,13 @@ void op_catalog(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
     for (auto &x : n) x = in.i16();
     t.resize(6);
     n.resize(3);
-    auto p = [&](int i) { return t[i] ? (SQLCHAR *)t[i]->data() : nullptr; };
-    auto l = [&](int i) { return t[i] ? static_cast<SQLSMALLINT>(t[i]->size()) : SQLSMALLINT{0}; };
-    SQLRETURN rc = SQL_ERROR;
-    switch (fn) {
-    case zb::CatalogFn::Tables: rc = SQLTables(s.h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3)); break;
-    case zb::CatalogFn::Columns: rc = SQLColumns(s.h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3)); break;
-    case zb::CatalogFn::PrimaryKeys: rc = SQLPrimaryKeys(s.h, p(0), l(0), p(1), l(1), p(2), l(2)); break;
-    case zb::CatalogFn::ForeignKeys:
-        rc = SQLForeignKeys(s.h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3), p(4), l(4), p(5), l(5));
-        break;
-    case zb::CatalogFn::Statistics:
-        rc = SQLStatistics(s.h, p(0), l(0), p(1), l(1), p(2), l(2), n[0], n[1]);
-        break;
-    case zb::CatalogFn::SpecialColumns:
-        rc = SQLSpecialColumns(s.h, n[0], p(0), l(0), p(1), l(1), p(2), l(2), n[1], n[2]);
-        break;
-    case zb::CatalogFn::Procedures: rc = SQLProcedures(s.h, p(0), l(0), p(1), l(1), p(2), l(2)); break;
-    case zb::CatalogFn::ProcedureColumns:
-        rc = SQLProcedureColumns(s.h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3));
-        break;
-    case zb::CatalogFn::GetTypeInfo: rc = SQLGetTypeInfo(s.h, n[0]); break;
-    case zb::CatalogFn::TablePrivileges: rc = SQLTablePrivileges(s.h, p(0), l(0), p(1), l(1), p(2), l(2)); break;
-    case zb::CatalogFn::ColumnPrivileges:
-        rc = SQLColumnPrivileges(s.h, p(0), l(0), p(1), l(1), p(2), l(2), p(3), l(3));
-        break;
-    default:
+    const std::optional<SQLRETURN> rc = wide_calls() ? catalog_wide(s.h, fn, t, n) : catalog(s.h, fn, t, n);
+    if (!rc) {
         out.rc = SQL_ERROR;
         out.diags.push_back(bridge_diag("HY000", "unknown catalog function"));
         return;
     }
-    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+    collect_diags(SQL_HANDLE_STMT, s.h, *rc, out);
     put_result_shape(w, s.h);
 }
 

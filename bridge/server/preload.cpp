@@ -3,7 +3,6 @@
 // relocated: the driver manager's load of a driver is most of the cost of a
 // connection otherwise.
 #include <dlfcn.h>
-#include <odbcinst.h>
 #include <sql.h>
 #include <sqlext.h>
 
@@ -11,15 +10,10 @@
 #include <vector>
 
 #include "server/session.h"
+#include "server/wide.h"
 
 namespace zbs {
 namespace {
-
-std::string profile(const std::string &section, const char *key, const char *file) {
-    char buf[1024] = "";
-    SQLGetPrivateProfileString(section.c_str(), key, "", buf, sizeof buf, file);
-    return buf;
-}
 
 std::vector<std::string> served_dsns(const Config &config) {
     if (!config.allowed_dsns.empty()) return {config.allowed_dsns.begin(), config.allowed_dsns.end()};
@@ -42,13 +36,8 @@ std::vector<std::string> served_dsns(const Config &config) {
 
 void preload_drivers(const Config &config) {
     for (const std::string &dsn : served_dsns(config)) {
-        std::string driver = profile(dsn, "Driver", "odbc.ini");
+        const std::string driver = driver_library(dsn);
         if (driver.empty()) continue;
-        // A registered driver's name, or the library's path itself.
-        if (driver.find('/') == std::string::npos) {
-            const std::string path = profile(driver, "Driver", "odbcinst.ini");
-            if (!path.empty()) driver = path;
-        }
         // Kept loaded for the life of the process; a library that cannot be
         // loaded here is left for the connection to report.
         (void)dlopen(driver.c_str(), RTLD_NOW | RTLD_LOCAL);

@@ -1,5 +1,7 @@
 #include "server/session.h"
 
+#include "server/wide.h"
+
 namespace zbs {
 
 Session::~Session() { close_all(); }
@@ -51,27 +53,63 @@ void Session::close_all() {
     env_ = SQL_NULL_HENV;
 }
 
+namespace {
+
+// SQLGetDiagRec of record i: state, native code and message.
+template <typename Char, typename GetDiagRec, typename Text>
+bool diag_record_with(GetDiagRec get, Text text_of, SQLSMALLINT type, SQLHANDLE h, SQLSMALLINT i,
+                      zb::DiagRecord &r) {
+    Char state[6] = {0};
+    SQLINTEGER native = 0;
+    SQLSMALLINT len = 0;
+    std::vector<Char> text(1024);
+    SQLRETURN d = get(type, h, i, state, &native, text.data(), static_cast<SQLSMALLINT>(text.size()), &len);
+    if (d == SQL_SUCCESS_WITH_INFO && len >= static_cast<SQLSMALLINT>(text.size())) {
+        text.resize(static_cast<size_t>(len) + 1);
+        d = get(type, h, i, state, &native, text.data(), static_cast<SQLSMALLINT>(text.size()), &len);
+    }
+    if (!SQL_SUCCEEDED(d)) return false;
+    r.sqlstate = text_of(state, 5);
+    r.native = native;
+    r.message = text_of(text.data(), std::min<size_t>(static_cast<size_t>(len), text.size() - 1));
+    return true;
+}
+
+bool diag_record(SQLSMALLINT type, SQLHANDLE h, SQLSMALLINT i, zb::DiagRecord &r) {
+    if (wide_calls())
+        return diag_record_with<SQLWCHAR>(SQLGetDiagRecW, from_wide, type, h, i, r);
+    auto narrow = [](const SQLCHAR *text, size_t n) { return std::string(reinterpret_cast<const char *>(text), n); };
+    return diag_record_with<SQLCHAR>(SQLGetDiagRec, narrow, type, h, i, r);
+}
+
+// SQLDescribeCol's name of column i.
+SQLRETURN describe_column(SQLHSTMT h, SQLSMALLINT i, zb::ColumnDesc &c) {
+    SQLSMALLINT len = 0;
+    auto *size = reinterpret_cast<SQLULEN *>(&c.size);
+    if (wide_calls()) {
+        std::vector<SQLWCHAR> name(1024);
+        SQLRETURN rc = SQLDescribeColW(h, static_cast<SQLUSMALLINT>(i), name.data(),
+                                       static_cast<SQLSMALLINT>(name.size()), &len, &c.sql_type, size,
+                                       &c.digits, &c.nullable);
+        if (SQL_SUCCEEDED(rc)) c.name = from_wide(name.data(), std::min<size_t>(static_cast<size_t>(len), name.size() - 1));
+        return rc;
+    }
+    std::vector<SQLCHAR> name(1024);
+    SQLRETURN rc = SQLDescribeCol(h, static_cast<SQLUSMALLINT>(i), name.data(), static_cast<SQLSMALLINT>(name.size()),
+                                  &len, &c.sql_type, size, &c.digits, &c.nullable);
+    if (SQL_SUCCEEDED(rc))
+        c.name.assign(reinterpret_cast<char *>(name.data()), std::min<size_t>(static_cast<size_t>(len), name.size() - 1));
+    return rc;
+}
+
+}  // namespace
+
 void collect_diags(SQLSMALLINT type, SQLHANDLE h, SQLRETURN rc, Outcome &out) {
     out.rc = rc;
     if (rc == SQL_SUCCESS || rc == SQL_INVALID_HANDLE || h == SQL_NULL_HANDLE) return;
     for (SQLSMALLINT i = 1;; ++i) {
-        SQLCHAR state[6] = {0};
-        SQLINTEGER native = 0;
-        SQLSMALLINT len = 0;
-        std::vector<SQLCHAR> text(1024);
-        SQLRETURN d = SQLGetDiagRec(type, h, i, state, &native, text.data(),
-                                    static_cast<SQLSMALLINT>(text.size()), &len);
-        if (d == SQL_SUCCESS_WITH_INFO && len >= static_cast<SQLSMALLINT>(text.size())) {
-            text.resize(static_cast<size_t>(len) + 1);
-            d = SQLGetDiagRec(type, h, i, state, &native, text.data(),
-                              static_cast<SQLSMALLINT>(text.size()), &len);
-        }
-        if (!SQL_SUCCEEDED(d)) break;
         zb::DiagRecord r;
-        r.sqlstate.assign(reinterpret_cast<char *>(state), 5);
-        r.native = native;
-        r.message.assign(reinterpret_cast<char *>(text.data()),
-                         std::min<size_t>(static_cast<size_t>(len), text.size() - 1));
+        if (!diag_record(type, h, i, r)) break;
         SQLCHAR origin[256];
         SQLSMALLINT olen = 0;
         if (SQL_SUCCEEDED(SQLGetDiagField(type, h, i, SQL_DIAG_CLASS_ORIGIN, origin,
@@ -102,14 +140,7 @@ void put_result_shape(zb::Writer &w, SQLHSTMT h) {
     s.column_count = SQL_SUCCEEDED(s.columns_rc) ? n : 0;
     for (SQLSMALLINT i = 1; i <= s.column_count; ++i) {
         zb::ColumnDesc c;
-        std::vector<SQLCHAR> name(1024);
-        SQLSMALLINT len = 0;
-        SQLRETURN rc = SQLDescribeCol(h, static_cast<SQLUSMALLINT>(i), name.data(),
-                                      static_cast<SQLSMALLINT>(name.size()), &len, &c.sql_type,
-                                      reinterpret_cast<SQLULEN *>(&c.size), &c.digits, &c.nullable);
-        if (SQL_SUCCEEDED(rc))
-            c.name.assign(reinterpret_cast<char *>(name.data()),
-                          std::min<size_t>(static_cast<size_t>(len), name.size() - 1));
+        describe_column(h, i, c);
         SQLLEN is_unsigned = 0;
         c.unsigned_rc = SQLColAttribute(h, static_cast<SQLUSMALLINT>(i), SQL_DESC_UNSIGNED, nullptr, 0,
                                         nullptr, &is_unsigned);

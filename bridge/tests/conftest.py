@@ -27,6 +27,8 @@ os.environ["ODBCINI"] = os.path.join(_config_dir, "odbc.ini")
 
 import pyodbc  # noqa: E402  (after the configuration is in place)
 
+import pg_cluster  # noqa: E402
+
 pyodbc.pooling = False
 
 
@@ -121,8 +123,12 @@ class Setup:
         self.dir = directory
         self.db = os.path.join(directory, "test.db")
         self.server = Server()
+        # PostgreSQL behind the bridge too, when this machine can run a cluster.
+        self.pg, self.pg_missing = pg_cluster.start()
         with open(os.path.join(_config_dir, "odbcinst.ini"), "w") as f:
             f.write(f"[SQLite3]\nDriver={sqlite_driver()}\n\n[zephodbc]\nDriver={DRIVER}\n")
+            if self.pg:
+                f.write(f"\n[PostgreSQL Unicode]\nDriver={pg_cluster.odbc_driver()}\n")
         self.write_dsns()
 
     def write_dsns(self, port=None):
@@ -130,6 +136,12 @@ class Setup:
             f.write(f"[direct]\nDriver=SQLite3\nDatabase={self.db}\nTimeout=2000\n\n")
             f.write(f"[bridge]\nDriver=zephodbc\nServer=127.0.0.1\n"
                     f"Port={port or self.server.port}\nTargetDSN=direct\nTimeout=20\n")
+            if self.pg:
+                f.write(f"\n[pg_direct]\nDriver=PostgreSQL Unicode\nServername=127.0.0.1\n"
+                        f"Port={self.pg.port}\nDatabase={pg_cluster.DATABASE}\n"
+                        f"Username={pg_cluster.ROLE}\n")
+                f.write(f"\n[pg_bridge]\nDriver=zephodbc\nServer=127.0.0.1\n"
+                        f"Port={port or self.server.port}\nTargetDSN=pg_direct\nTimeout=20\n")
 
     def connect(self, kind, **kw):
         return pyodbc.connect("DSN=" + kind, **kw)
@@ -147,8 +159,12 @@ def setup():
     # use tables of their own names in the one database.
     directory = tempfile.mkdtemp(prefix="zephodbc-db-")
     s = Setup(directory)
-    yield s
-    s.server.stop()
+    try:
+        yield s
+    finally:
+        s.server.stop()
+        if s.pg:
+            s.pg.stop()
     shutil.rmtree(directory, ignore_errors=True)
 
 

@@ -125,7 +125,8 @@ def test_forged_handles_are_invalid_handles(setup):
                and b"BSD" in name.value)
     port = str(setup.server.port).encode()
     assert rpc.RPCSetTransportOpts(h, bsd, b"127.0.0.1", port, None, None, None, None, None) == 0
-    assert rpc.RPCConnect(h, 1, 0, b"zephodbc") == 0
+    # The bridge protocol's version and revision (bridge/protocol/protocol.h).
+    assert rpc.RPCConnect(h, 1, 1, b"zephodbc") == 0
     try:
         for function in (b"zb_fetch", b"zb_free_stmt", b"zb_get_data", b"zb_disconnect", b"zb_alloc_stmt"):
             for forged in (0xDEADBEEF, 8, 0):
