@@ -123,9 +123,17 @@ SQLRETURN set_connect_attr(Dbc &dbc, SQLINTEGER attr, SQLPOINTER value, const Te
 SQLRETURN get_connect_attr(Dbc &dbc, SQLINTEGER attr, SQLPOINTER value, const OutBuf &out,
                            SQLINTEGER *length) {
     const bool is_text = zb::connect_attr_is_text(attr);
-    if (attr == SQL_ATTR_CONNECTION_DEAD) {  // asked by pools: answer without the wire
-        if (value != nullptr)
-            *static_cast<SQLUINTEGER *>(value) = dbc.connected() && !dbc.broken ? SQL_CD_FALSE : SQL_CD_TRUE;
+    if (attr == SQL_ATTR_CONNECTION_DEAD) {
+        // Asked by connection pools before they hand a connection out again:
+        // a round trip finds a server that dropped it meanwhile.
+        bool dead = !dbc.connected() || dbc.broken;
+        if (!dead) {
+            zb::Writer w;
+            w.i32(attr);
+            (void)call(dbc, zb::Op::GetConnectAttr, dbc.remote, w);  // the target's answer is not needed
+            dead = dbc.broken;
+        }
+        if (value != nullptr) *static_cast<SQLUINTEGER *>(value) = dead ? SQL_CD_TRUE : SQL_CD_FALSE;
         return SQL_SUCCESS;
     }
     if (!dbc.connected()) {
