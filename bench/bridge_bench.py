@@ -1,14 +1,16 @@
 #!/usr/bin/python3
-"""Bridge speed against the same SQLite database in-process.
+"""Bridge speed against the same database reached directly: SQLite in-process,
+and PostgreSQL over its own protocol (a throwaway cluster; needs root and
+the postgresql and odbc-postgresql packages).
 
-For each operation, runs the direct DSN (SQLite's ODBC driver in this
+For each operation, runs the direct DSN (the database's ODBC driver in this
 process) and the bridged one (libzephodbc.so to a local zephodbc-server),
 interleaved, several times; prints medians, the bridged/direct ratio and the
 round trips the bridge made per operation (counted with ZEPHODBC_CALL_LOG;
 machine-independent). Client and server are pinned with sched_setaffinity:
 first both on CPU 0, then client on CPU 0 and server on CPU 1.
 
-  bench/bridge_bench.py DRIVER_SO SERVER_BINARY [--repeat N]
+  bench/bridge_bench.py DRIVER_SO SERVER_BINARY [--repeat N] [--backend sqlite|postgresql|both]
 """
 import argparse
 import glob
@@ -24,7 +26,10 @@ parser = argparse.ArgumentParser()
 parser.add_argument("driver")
 parser.add_argument("server")
 parser.add_argument("--repeat", type=int, default=5)
+parser.add_argument("--backend", choices=("sqlite", "postgresql", "both"), default="both")
 args = parser.parse_args()
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "bridge", "tests"))
+import pg_cluster  # noqa: E402
 
 work = tempfile.mkdtemp(prefix="zephodbc-bench-")
 calls_log = os.path.join(work, "calls.log")
@@ -38,6 +43,8 @@ sqlite_driver = glob.glob("/usr/lib/*/odbc/libsqlite3odbc.so")[0]
 db = os.path.join(work, "bench.db")
 with open(os.path.join(work, "odbcinst.ini"), "w") as f:
     f.write(f"[SQLite3]\nDriver={sqlite_driver}\n[zephodbc]\nDriver={os.path.abspath(args.driver)}\n")
+    if pg_cluster.odbc_driver():
+        f.write(f"[PostgreSQL Unicode]\nDriver={pg_cluster.odbc_driver()}\n")
 
 
 def start_server(cpu):
@@ -45,22 +52,32 @@ def start_server(cpu):
                             preexec_fn=lambda: os.sched_setaffinity(0, {cpu}))
     port = int(proc.stdout.readline().rsplit(":", 1)[1])
     # The driver manager caches odbc.ini: the bridge is reached by connection string.
-    CONNECT["bridge"] = f"DRIVER={{zephodbc}};SERVER=127.0.0.1;PORT={port};TARGETDSN=direct"
+    CONNECT["bridge"] = f"DRIVER={{zephodbc}};SERVER=127.0.0.1;PORT={port};TARGETDSN={CONNECT['target']}"
     return proc
 
 
-CONNECT = {"direct": "DSN=direct"}
+CONNECT = {}
 
 
-def prepare():
+def write_dsns(pg):
     with open(os.environ["ODBCINI"], "w") as f:
         f.write(f"[direct]\nDriver=SQLite3\nDatabase={db}\n")
-    conn = pyodbc.connect(f"DRIVER={sqlite_driver};Database={db}")
-    conn.execute("create table if not exists big(id integer primary key, a integer, b real, c text, d text)")
+        if pg:
+            f.write(f"[pg_direct]\nDriver=PostgreSQL Unicode\nServername=127.0.0.1\nPort={pg.port}\n"
+                    f"Database={pg_cluster.DATABASE}\nUsername={pg_cluster.ROLE}\n")
+
+
+def prepare(backend):
+    target = "direct" if backend == "sqlite" else "pg_direct"
+    CONNECT.update(direct="DSN=" + target, target=target)
+    padded = "printf('%08d', n)" if backend == "sqlite" else "lpad(n::text, 8, '0')"
+    double = "real" if backend == "sqlite" else "double precision"
+    conn = pyodbc.connect(CONNECT["direct"])
+    conn.execute(f"create table if not exists big(id integer primary key, a integer, b {double}, c text, d text)")
     conn.execute("delete from big")
-    conn.execute("with recursive s(n) as (select 1 union all select n + 1 from s where n < 100000) "
-                 "insert into big select n, n * 3, n / 7.0, 'row ' || n, printf('%08d', n) from s")
-    conn.execute("create table if not exists sink(a integer, b text, c real)")
+    conn.execute("insert into big with recursive s(n) as (select 1 union all select n + 1 from s "
+                 f"where n < 100000) select n, n * 3, n / 7.0, 'row ' || n, {padded} from s")
+    conn.execute(f"create table if not exists sink(a integer, b text, c {double})")
     conn.commit()
     conn.close()
 
@@ -142,14 +159,36 @@ OPS = [("SELECT 1 + fetchone", False), ("fetchall 100k x 5", False), ("executema
 
 
 def main():
-    prepare()
+    pg = None
+    if args.backend != "sqlite":
+        pg, missing = pg_cluster.start()
+        if pg is None:
+            print("PostgreSQL:", missing)
+    write_dsns(pg)
+    try:
+        for backend in ("sqlite", "postgresql"):
+            if args.backend in (backend, "both") and (backend == "sqlite" or pg):
+                bench(backend)
+    finally:
+        if pg:
+            pg.stop()
+    print("ratio: bridged / direct (times: above 1 is slower; rates: below 1 is slower)")
+    shutil.rmtree(work, ignore_errors=True)
+
+
+def bench(backend):
+    prepare(backend)
+    print(f"--- {backend}")
     print(f"{'operation':26} {'placement':14} {'direct':>12} {'bridged':>12} {'ratio':>7} {'round trips':>12}")
+    # psqlODBC describes text parameters with size 0, which pyodbc's
+    # parameter arrays cannot bind (directly or bridged).
+    ops = [o for o in OPS if backend == "sqlite" or not o[1]]
     for server_cpu in (0, 1):
         placement = "same CPU" if server_cpu == 0 else "two CPUs"
         os.sched_setaffinity(0, {0})
         server = start_server(server_cpu)
         try:
-            for op, fast in OPS:
+            for op, fast in ops:
                 direct, bridged = [], []
                 for _ in range(args.repeat):
                     # The SQLite driver crashes on parameter arrays: the fast
@@ -168,8 +207,6 @@ def main():
             server.terminate()
             server.wait(timeout=10)
             server.stdout.close()
-    print("ratio: bridged / direct (times: above 1 is slower; rates: below 1 is slower)")
-    shutil.rmtree(work, ignore_errors=True)
 
 
 if __name__ == "__main__":
