@@ -47,9 +47,11 @@ class PgCluster:
         self._sql(f"create database {DATABASE} owner {ROLE}")
 
     def _run(self, program, *args):
+        # Not the sanitizer runtime the tests may preload into their clients.
+        env = {k: v for k, v in os.environ.items() if k not in ("LD_PRELOAD", "ASAN_OPTIONS")}
         subprocess.run(["runuser", "-u", "postgres", "--", os.path.join(self.bin, program), *args],
                        check=True, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, timeout=60,
-                       cwd=self.dir)
+                       cwd=self.dir, env=env)
 
     def _sql(self, statement):
         self._run("psql", "-h", "127.0.0.1", "-p", str(self.port), "-U", "postgres", "-d",
