@@ -64,7 +64,7 @@ SQLRETURN worst(SQLRETURN a, SQLRETURN b) {
 // an unknown function. The 8-bit and the wide calls.
 using Texts = std::vector<std::optional<std::string>>;
 
-template <typename Char, typename Arg>
+template <typename Arg>
 std::optional<SQLRETURN> run_catalog(SQLHSTMT h, zb::CatalogFn fn, const std::vector<int16_t> &n, Arg p,
                                      auto calls) {
     auto l = [&](int i) { return p(i) ? static_cast<SQLSMALLINT>(calls.length(i)) : SQLSMALLINT{0}; };
@@ -110,7 +110,7 @@ std::optional<SQLRETURN> catalog(SQLHSTMT h, zb::CatalogFn fn, Texts &t, const s
         ZBS_CATALOG_CALLS()
     } calls{t};
     auto p = [&](int i) { return t[i] ? (SQLCHAR *)t[i]->data() : nullptr; };
-    return run_catalog<SQLCHAR>(h, fn, n, p, calls);
+    return run_catalog(h, fn, n, p, calls);
 }
 
 std::optional<SQLRETURN> catalog_wide(SQLHSTMT h, zb::CatalogFn fn, Texts &t, const std::vector<int16_t> &n) {
@@ -123,7 +123,7 @@ std::optional<SQLRETURN> catalog_wide(SQLHSTMT h, zb::CatalogFn fn, Texts &t, co
         ZBS_CATALOG_CALLS(W)
     } calls{wt};
     auto p = [&](int i) { return wt[i] ? wide_ptr(*wt[i]) : nullptr; };
-    return run_catalog<SQLWCHAR>(h, fn, n, p, calls);
+    return run_catalog(h, fn, n, p, calls);
 }
 
 SQLRETURN prepare(SQLHSTMT h, const std::string &sql) {

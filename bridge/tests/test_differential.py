@@ -15,8 +15,7 @@ EMOJI_TEXT = "na\u00efve caf\u00e9 \U0001F600 \u4e2d\u6587"
 class Target:
     """One backend: its direct and bridged data sources and its dialect."""
 
-    def __init__(self, setup, backend):
-        self.setup = setup
+    def __init__(self, backend):
         self.sqlite = backend == "sqlite"
         self.dsn = {"direct": "direct", "bridge": "bridge"} if self.sqlite else \
             {"direct": "pg_direct", "bridge": "pg_bridge"}
@@ -35,7 +34,7 @@ class Target:
 def target(request, setup):
     if request.param == "postgresql" and setup.pg is None:
         pytest.skip(setup.pg_missing)
-    return Target(setup, request.param)
+    return Target(request.param)
 
 
 def make_types_table(target, conn):
