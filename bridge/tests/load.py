@@ -3,6 +3,7 @@ own running a seeded mix of reads, parameterised inserts and updates in
 transactions, and catalog calls, checking every result as it goes. Used by
 the load tests and by the soak in bench/."""
 import multiprocessing
+import queue
 import random
 import time
 
@@ -32,9 +33,17 @@ def _busy(error):
     return "locked" in text or "busy" in text
 
 
-def _connect(connect_string):
-    # Reads outside transactions: a reader must not hold SQLite's lock.
-    return pyodbc.connect(connect_string, ansi=True, autocommit=True)
+def _connect(connect_string, stats):
+    """Connects; a server child lost during the connect (08S01) is retried."""
+    for attempt in range(5):
+        try:
+            # Reads outside transactions: a reader must not hold SQLite's lock.
+            return pyodbc.connect(connect_string, ansi=True, autocommit=True)
+        except pyodbc.Error as e:
+            if e.args[0] != "08S01" or attempt == 4:
+                raise
+            stats["reconnects"] += 1
+            time.sleep(0.1)
 
 
 def _rollback(conn):
@@ -50,11 +59,19 @@ def _rollback(conn):
 
 
 def client(connect_string, number, queries, seed, results):
-    """One client process: returns its counts through the results queue."""
-    rng = random.Random(seed)
+    """One client process: returns its counts through the results queue,
+    whatever happens."""
     stats = {"client": number, "reads": 0, "committed": 0, "uncertain": 0, "catalog": 0,
              "busy": 0, "reconnects": 0, "errors": []}
-    conn = _connect(connect_string)
+    try:
+        _run_client(connect_string, number, queries, random.Random(seed), stats)
+    except Exception as e:  # reported, never lost with the process
+        stats["errors"].append(f"gave up: {e!r}")
+    results.put(stats)
+
+
+def _run_client(connect_string, number, queries, rng, stats):
+    conn = _connect(connect_string, stats)
     for seq in range(queries):
         kind = rng.random()
         committing = False
@@ -88,7 +105,7 @@ def client(connect_string, number, queries, seed, results):
                     conn.close()
                 except pyodbc.Error:
                     pass
-                conn = _connect(connect_string)
+                conn = _connect(connect_string, stats)
             elif _busy(e):
                 stats["busy"] += 1
                 if not _rollback(conn):
@@ -97,7 +114,6 @@ def client(connect_string, number, queries, seed, results):
                 stats["errors"].append(f"{seq}: {e}")
                 _rollback(conn)
     conn.close()
-    results.put(stats)
 
 
 def run(connect_string, clients, queries, seed=1, during=None):
@@ -112,9 +128,21 @@ def run(connect_string, clients, queries, seed=1, during=None):
         p.start()
     if during:
         during(procs)
-    stats = [results.get(timeout=600) for _ in procs]
+    stats = []
+    deadline = time.monotonic() + 600
+    while len(stats) < len(procs) and time.monotonic() < deadline:
+        try:
+            stats.append(results.get(timeout=1))
+        except queue.Empty:
+            if not any(p.is_alive() for p in procs) and results.empty():
+                break  # a client died without reporting: its number is missing
     for p in procs:
         p.join(timeout=60)
+        if p.is_alive():
+            p.kill()
+    reported = {s["client"] for s in stats}
+    stats += [{"client": n, "committed": 0, "uncertain": 0, "reconnects": 0,
+               "errors": ["never reported"]} for n in range(clients) if n not in reported]
     return sorted(stats, key=lambda s: s["client"]), time.monotonic() - start
 
 
