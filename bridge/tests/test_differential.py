@@ -3,6 +3,7 @@ SQLite and for PostgreSQL: the results, exceptions and metadata must be
 identical."""
 import datetime
 import decimal
+import os
 
 import pyodbc
 import pytest
@@ -177,6 +178,11 @@ def test_executemany_and_fast_executemany(target):
 
 @pytest.mark.parametrize("size", [1 << 20, 10 << 20], ids=["1MB", "10MB"])
 def test_large_values_through_parameters_and_back(target, size):
+    if not target.sqlite and size > 1 << 20 and "asan" in os.environ.get("LD_PRELOAD", ""):
+        # psqlODBC grows a parameter's buffer in small steps; under the
+        # sanitizer's realloc (always a copy) that is quadratic: 1 MB takes
+        # about 50 s there, 10 MB would take over an hour.
+        pytest.skip("10 MB through psqlODBC under the sanitizer runtime")
     text = ("0123456789abcdef\u00e9" * (size // 17 + 1))[:size]
     blob = bytes(range(256)) * (size // 256)
 
