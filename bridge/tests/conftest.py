@@ -20,6 +20,8 @@ import pytest
 
 DRIVER = os.environ["ZEPHODBC_DRIVER"]
 SERVER = os.environ["ZEPHODBC_SERVER"]
+# The sanitizer build: its runtime is preloaded into every client.
+SANITIZED = "LD_PRELOAD" in os.environ
 
 _config_dir = tempfile.mkdtemp(prefix="zephodbc-test-")
 os.environ["ODBCSYSINI"] = _config_dir
@@ -72,7 +74,7 @@ class Server:
     def __init__(self, *extra):
         self.log = tempfile.TemporaryFile(mode="w+")
         env = dict(os.environ)
-        if "LD_PRELOAD" in env:  # the sanitizer build: the server is ours, check it for leaks too
+        if SANITIZED:  # the server is ours: check it for leaks too
             env["ASAN_OPTIONS"] = "detect_leaks=1:abort_on_error=0"
         self.proc = subprocess.Popen(
             [SERVER, "--listen", "127.0.0.1:0", *extra],

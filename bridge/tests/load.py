@@ -58,11 +58,15 @@ def _rollback(conn):
     return False
 
 
+def _counts(number):
+    return {"client": number, "reads": 0, "committed": 0, "uncertain": 0, "catalog": 0,
+            "busy": 0, "reconnects": 0, "errors": []}
+
+
 def client(connect_string, number, queries, seed, results):
     """One client process: returns its counts through the results queue,
     whatever happens."""
-    stats = {"client": number, "reads": 0, "committed": 0, "uncertain": 0, "catalog": 0,
-             "busy": 0, "reconnects": 0, "errors": []}
+    stats = _counts(number)
     try:
         _run_client(connect_string, number, queries, random.Random(seed), stats)
     except Exception as e:  # reported, never lost with the process
@@ -141,8 +145,7 @@ def run(connect_string, clients, queries, seed=1, during=None):
         if p.is_alive():
             p.kill()
     reported = {s["client"] for s in stats}
-    stats += [{"client": n, "committed": 0, "uncertain": 0, "reconnects": 0,
-               "errors": ["never reported"]} for n in range(clients) if n not in reported]
+    stats += [dict(_counts(n), errors=["never reported"]) for n in range(clients) if n not in reported]
     return sorted(stats, key=lambda s: s["client"]), time.monotonic() - start
 
 
