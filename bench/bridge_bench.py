@@ -137,6 +137,8 @@ def round_trips(op, fast=False):
     conn = pyodbc.connect(CONNECT["bridge"])
     cur = conn.cursor()
     cur.fast_executemany = fast
+    if op == "SELECT 1 + fetchone":  # the timed loop repeats it: count a repeat
+        cur.execute("SELECT 1").fetchone()
     open(calls_log, "w").close()
     if op == "SELECT 1 + fetchone":
         cur.execute("SELECT 1").fetchone()

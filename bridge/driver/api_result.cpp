@@ -50,6 +50,28 @@ void load_common_attributes(Stmt &s) {
     }
 }
 
+void put_data(SQLPOINTER data, SQLSMALLINT c_type, SQLLEN length, SQLLEN *indicator, SQLLEN ind,
+              std::span<const uint8_t> bytes) {
+    const SQLLEN room = element_size(c_type, length);
+    if (data != nullptr && !bytes.empty())
+        std::memcpy(data, bytes.data(), std::min<size_t>(bytes.size(), static_cast<size_t>(std::max<SQLLEN>(room, 0))));
+    if (indicator != nullptr) *indicator = ind;
+}
+
+SQLRETURN live_get_data(Stmt &s, const zb::DataRequest &request, SQLPOINTER data, SQLLEN *indicator) {
+    zb::Writer w;
+    w.i16(request.column);
+    w.i16(request.c_type);
+    w.i64(request.buffer_length);
+    Reply r = call(s, zb::Op::GetData, w);
+    SQLRETURN rc = adopt(s, r);
+    if (SQL_SUCCEEDED(rc) && !r.in.done()) {
+        SQLLEN ind = static_cast<SQLLEN>(r.in.i64());
+        put_data(data, request.c_type, request.buffer_length, indicator, ind, r.in.bytes());
+    }
+    return rc;
+}
+
 }  // namespace
 
 SQLRETURN num_result_cols(Stmt &s, SQLSMALLINT *count) {
@@ -108,8 +130,60 @@ SQLRETURN col_attribute(Stmt &s, SQLUSMALLINT column, SQLUSMALLINT field, const 
     return a.rc;
 }
 
+namespace {
+
+// Reports a request the rows read ahead cannot answer any more.
+SQLRETURN lost(Stmt &s) {
+    return add_diag(s, "HY000",
+                    "[zephodbc]rows were read ahead as the row before was read: this one cannot be "
+                    "read another way");
+}
+
+BoundKey bound_key(const Stmt &s) {
+    BoundKey key;
+    for (const auto &[column, b] : s.columns) key.emplace_back(column, b.c_type, b.length);
+    return key;
+}
+
+void set_row_counts(Stmt &s, SQLULEN rows, SQLULEN rowset) {
+    if (s.row_status != nullptr)
+        for (SQLULEN i = rows; i < rowset; ++i) s.row_status[i] = SQL_ROW_NOROW;
+    if (s.rows_fetched != nullptr) *s.rows_fetched = rows;
+}
+
+void put_value(Stmt &s, const ColumnBinding &b, SQLULEN i, SQLLEN ind, std::span<const uint8_t> bytes) {
+    const SQLLEN elem = element_size(b.c_type, b.length);
+    char *data = bound_address(b.data, s.row_bind_offset, s.row_bind_type, elem, i);
+    SQLLEN *ip = bound_indicator(b.indicator, s.row_bind_offset, s.row_bind_type, i);
+    if (data != nullptr && !bytes.empty())
+        std::memcpy(data, bytes.data(), std::min<size_t>(bytes.size(), static_cast<size_t>(std::max<SQLLEN>(elem, 0))));
+    if (ip != nullptr) *ip = ind;
+}
+
+SQLRETURN hand_out(Stmt &s, const HeldRow &row) {
+    s.diag.records.insert(s.diag.records.end(), row.diags.begin(), row.diags.end());
+    if (row.rows == 1) {
+        if (s.row_status != nullptr) s.row_status[0] = row.status;
+        size_t k = 0;
+        for (const auto &[column, b] : s.columns) {
+            const HeldValue &v = row.bound[k++];
+            put_value(s, b, 0, v.indicator, s.ahead.value(v));
+        }
+    }
+    set_row_counts(s, row.rows, 1);
+    return row.rc;
+}
+
+}  // namespace
+
 SQLRETURN fetch(Stmt &s, bool scroll, SQLSMALLINT orientation, SQLLEN offset) {
     if (!s.has_shape || s.shape.column_count == 0) return add_diag(s, "24000", "Invalid cursor state");
+    const bool one_row = s.row_array_size == 1 && (!scroll || orientation == SQL_FETCH_NEXT);
+    if (s.ahead.holds_rows()) {
+        if (!one_row || s.ahead.bound() != bound_key(s)) return lost(s);
+        return hand_out(s, *s.ahead.next_row());
+    }
+    s.ahead.next_row();
     zb::Writer w;
     w.u8(scroll);
     w.i16(orientation);
@@ -122,6 +196,8 @@ SQLRETURN fetch(Stmt &s, bool scroll, SQLSMALLINT orientation, SQLLEN offset) {
         w.i16(b.c_type);
         w.i64(b.length);
     }
+    const zb::ReadAheadPlan plan = s.ahead.plan(!s.columns.empty());
+    if (one_row) zb::put_plan(w, plan);
     Reply r = call(s, zb::Op::Fetch, w);
     SQLRETURN rc = adopt(s, r);
     SQLULEN rows = 0;
@@ -131,42 +207,36 @@ SQLRETURN fetch(Stmt &s, bool scroll, SQLSMALLINT orientation, SQLLEN offset) {
             int16_t st = r.in.i16();
             if (s.row_status != nullptr && i < rowset) s.row_status[i] = static_cast<SQLUSMALLINT>(st);
         }
-        for (const auto &[column, b] : s.columns) {
-            const SQLLEN elem = element_size(b.c_type, b.length);
+        for (const auto &[column, b] : s.columns)
             for (SQLULEN i = 0; i < rows; ++i) {
                 SQLLEN ind = static_cast<SQLLEN>(r.in.i64());
                 auto bytes = r.in.bytes();
-                if (i >= rowset) continue;
-                char *data = bound_address(b.data, s.row_bind_offset, s.row_bind_type, elem, i);
-                SQLLEN *ip = bound_indicator(b.indicator, s.row_bind_offset, s.row_bind_type, i);
-                if (data != nullptr && !bytes.empty())
-                    std::memcpy(data, bytes.data(), std::min<size_t>(bytes.size(), static_cast<size_t>(std::max<SQLLEN>(elem, 0))));
-                if (ip != nullptr) *ip = ind;
+                if (i < rowset) put_value(s, b, i, ind, bytes);
             }
-        }
+        if (one_row && !r.in.done()) s.ahead.take(std::move(r.bytes), r.in, bound_key(s), plan);
     }
-    if (s.row_status != nullptr)
-        for (SQLULEN i = rows; i < rowset; ++i) s.row_status[i] = SQL_ROW_NOROW;
-    if (s.rows_fetched != nullptr) *s.rows_fetched = rows;
+    set_row_counts(s, rows, rowset);
     return rc;
 }
 
 SQLRETURN get_data(Stmt &s, SQLUSMALLINT column, SQLSMALLINT c_type, SQLPOINTER data,
                    SQLLEN length, SQLLEN *indicator) {
-    zb::Writer w;
-    w.i16(static_cast<int16_t>(column));
-    w.i16(c_type);
-    w.i64(data == nullptr ? 0 : length);
-    Reply r = call(s, zb::Op::GetData, w);
-    SQLRETURN rc = adopt(s, r);
-    if (SQL_SUCCEEDED(rc) && !r.in.done()) {
-        SQLLEN ind = static_cast<SQLLEN>(r.in.i64());
-        auto bytes = r.in.bytes();
-        const SQLLEN room = element_size(c_type, length);
-        if (data != nullptr && !bytes.empty())
-            std::memcpy(data, bytes.data(), std::min<size_t>(bytes.size(), static_cast<size_t>(std::max<SQLLEN>(room, 0))));
-        if (indicator != nullptr) *indicator = ind;
+    const zb::DataRequest request{static_cast<int16_t>(column), c_type, data == nullptr ? 0 : length};
+    const HeldCall *held = nullptr;
+    SQLRETURN rc;
+    switch (s.ahead.answer(request, held)) {
+    case ReadAhead::Answer::Held:
+        s.diag.records.insert(s.diag.records.end(), held->diags.begin(), held->diags.end());
+        rc = held->rc;
+        if (SQL_SUCCEEDED(rc)) put_data(data, c_type, length, indicator, held->value.indicator, s.ahead.value(held->value));
+        break;
+    case ReadAhead::Answer::Lost:
+        rc = lost(s);
+        break;
+    default:
+        rc = live_get_data(s, request, data, indicator);
     }
+    s.ahead.record(request, rc);
     return rc;
 }
 

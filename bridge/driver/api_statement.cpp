@@ -16,10 +16,14 @@ void take_shape(Stmt &s, Reply &r, SQLRETURN rc, bool opens_cursor = true) {
     s.attributes.clear();
     s.attributes_loaded = false;
     s.has_shape = false;
+    s.ahead.close_result();
     if (!SQL_SUCCEEDED(rc) && rc != SQL_NO_DATA) return;
     if (r.in.done()) return;
     s.shape = zb::get_shape(r.in);
     s.has_shape = true;
+    ShapeKey key;
+    for (const auto &c : s.shape.columns) key.emplace_back(c.name, c.sql_type, c.size, c.digits);
+    s.ahead.new_result(key);
     for (size_t i = 0; i < s.shape.columns.size(); ++i) {
         const auto &c = s.shape.columns[i];
         if (c.unsigned_rc == SQL_SUCCESS)
@@ -104,6 +108,7 @@ SQLRETURN free_stmt(Stmt &s, SQLUSMALLINT option) {
         // on; the server closes it with the next call on this statement
         // (applications close before every execute: no round trip for it).
         s.dae = {};
+        s.ahead.close_result();
         if (s.cursor_open) s.close_pending = true;
         s.cursor_open = false;
         if (!s.prepared) s.has_shape = false;
@@ -118,6 +123,7 @@ SQLRETURN close_cursor(Stmt &s) {
     w.i16(-1);
     Reply r = stmt_call(s, zb::Op::FreeStmt, w);
     SQLRETURN rc = adopt(s, r);
+    s.ahead.close_result();
     if (SQL_SUCCEEDED(rc)) {
         s.cursor_open = false;
         if (!s.prepared) s.has_shape = false;

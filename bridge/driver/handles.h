@@ -18,6 +18,7 @@
 
 #include <zephrpc.h>
 
+#include "driver/read_ahead.h"
 #include "protocol/codec.h"
 
 namespace zbd {
@@ -70,6 +71,7 @@ struct Dbc : Handle {
     std::map<int, std::pair<SQLRETURN, std::vector<uint8_t>>> info;  // SQLGetInfo answers
     std::set<Stmt *> statements;
     std::string out_connection;  // the completed connection string
+    FirstReads first_reads;      // how results of each shape were read
     int timeout = 0;
     bool connected() const { return rpc != nullptr && remote != 0; }
 };
@@ -108,7 +110,7 @@ struct Stmt : Handle {
     explicit Stmt(Dbc *d)
         : Handle(Kind::Stmt), dbc(d), ard(this, SQL_ATTR_APP_ROW_DESC),
           apd(this, SQL_ATTR_APP_PARAM_DESC), ird(this, SQL_ATTR_IMP_ROW_DESC),
-          ipd(this, SQL_ATTR_IMP_PARAM_DESC) {}
+          ipd(this, SQL_ATTR_IMP_PARAM_DESC), ahead(d->first_reads) {}
     Dbc *dbc;
     uint64_t remote = 0;
     Desc ard, apd, ird, ipd;
@@ -131,6 +133,7 @@ struct Stmt : Handle {
     zb::ResultShape shape;
     std::map<std::pair<int, int>, CachedAttribute> attributes;
     bool attributes_loaded = false;  // the common ones, for every column
+    ReadAhead ahead;                 // rows of the current result read ahead
     bool cursor_open = false;        // a result the server may still hold open
     bool close_pending = false;      // closed here, not yet on the server
     bool prepared = false;

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "protocol/odbc_kinds.h"
+#include "protocol/read_ahead.h"
 #include "server/ops.h"
 #include "server/wide.h"
 
@@ -37,7 +38,7 @@ struct ColumnRequest {
 // Binds the target's columns to this statement's buffers as requested,
 // reusing the binding the previous fetch made when nothing changed.
 SQLRETURN bind_columns(Statement &s, const std::vector<ColumnRequest> &req, SQLULEN rowset) {
-    bool same = s.columns.size() == req.size() && rowset == s.rowset;
+    bool same = s.columns.size() == req.size() && rowset == s.rowset && !s.row_status.empty();
     for (const auto &r : req) {
         auto it = s.columns.find(r.column);
         same = same && it != s.columns.end() && it->second.c_type == r.c_type &&
@@ -89,6 +90,82 @@ SQLRETURN col_attribute(SQLHSTMT h, SQLUSMALLINT column, SQLUSMALLINT field, std
 
 }  // namespace
 
+namespace {
+
+// Writes the rowset a fetch left in the statement's bound buffers.
+void put_rowset(zb::Writer &w, Statement &s, const std::vector<ColumnRequest> &req, SQLULEN rows) {
+    w.u64(rows);
+    for (SQLULEN i = 0; i < rows; ++i) w.i16(static_cast<int16_t>(s.row_status[i]));
+    for (const auto &r : req) {
+        const BoundColumn &b = s.columns[r.column];
+        for (SQLULEN i = 0; i < rows; ++i) {
+            SQLLEN ind = b.indicators[i];
+            w.i64(ind);
+            w.bytes(b.data.data() + i * static_cast<size_t>(b.element),
+                    extent(r.c_type, ind, r.buffer_length, b.element));
+        }
+    }
+}
+
+// SQLGetData as requested, written as a replayed call. False when its
+// outcome was anything but plain SQL_SUCCESS: reading ahead stops there.
+bool replay_call(Statement &s, const zb::DataRequest &r, zb::Writer &w) {
+    const SQLLEN buffer_length = std::min<SQLLEN>(static_cast<SQLLEN>(r.buffer_length), kMaxBuffer);
+    const SQLLEN element = element_size(r.c_type, buffer_length);
+    if (s.scratch.size() < static_cast<size_t>(element)) s.scratch.resize(static_cast<size_t>(element));
+    std::memset(s.scratch.data(), 0, static_cast<size_t>(element));
+    SQLLEN ind = 0;
+    const SQLRETURN rc =
+        SQLGetData(s.h, static_cast<SQLUSMALLINT>(r.column), r.c_type, s.scratch.data(), buffer_length, &ind);
+    Outcome o;
+    collect_diags(SQL_HANDLE_STMT, s.h, rc, o);
+    w.i16(rc);
+    zb::put_diags(w, o.diags);
+    w.i64(ind);
+    w.bytes(s.scratch.data(), SQL_SUCCEEDED(rc) ? extent(r.c_type, ind, buffer_length, element) : 0);
+    return rc == SQL_SUCCESS;
+}
+
+// The replayed calls of the row the cursor is on; false when one stopped.
+bool replay_row(Statement &s, const zb::ReadAheadPlan &plan, zb::Writer &w) {
+    w.u32(static_cast<uint32_t>(plan.requests.size()));
+    const size_t count_at = w.size() - 4;
+    uint32_t made = 0;
+    bool clean = true;
+    for (const auto &r : plan.requests) {
+        ++made;
+        if (!(clean = replay_call(s, r, w))) break;
+    }
+    for (int i = 0; i < 4; ++i) w.data()[count_at + i] = static_cast<uint8_t>(made >> (8 * i));
+    return clean;
+}
+
+void read_ahead(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<ColumnRequest> &req,
+                SQLRETURN first_rc, zb::Writer &w) {
+    const size_t start = w.size();
+    bool clean = first_rc == SQL_SUCCESS && replay_row(s, plan, w);
+    if (first_rc != SQL_SUCCESS) w.u32(0);
+    const uint32_t max_rows = std::min(plan.max_rows, zb::kReadAheadRows);
+    for (uint32_t rows = 1; clean && rows < max_rows && w.size() - start < plan.byte_budget; ++rows) {
+        s.rows_fetched = 0;
+        const SQLRETURN rc = SQLFetch(s.h);
+        Outcome o;
+        collect_diags(SQL_HANDLE_STMT, s.h, rc, o);
+        w.u8(1);
+        w.i16(rc);
+        zb::put_diags(w, o.diags);
+        put_rowset(w, s, req, SQL_SUCCEEDED(rc) ? std::min<SQLULEN>(s.rows_fetched, 1) : 0);
+        if (rc != SQL_SUCCESS) {
+            w.u32(0);
+            break;
+        }
+        clean = replay_row(s, plan, w);
+    }
+    w.u8(0);
+}
+
+}  // namespace
+
 void op_fetch(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
     Statement &s = stmt(obj);
     const bool scroll = in.u8() != 0;
@@ -101,24 +178,16 @@ void op_fetch(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out)
         r.c_type = in.i16();
         r.buffer_length = static_cast<SQLLEN>(in.i64());
     }
+    const bool has_plan = !in.done();
+    const zb::ReadAheadPlan plan = has_plan ? zb::get_plan(in) : zb::ReadAheadPlan{};
     SQLRETURN rc = bind_columns(s, req, rowset);
     if (SQL_SUCCEEDED(rc)) {
         s.rows_fetched = 0;
         rc = scroll ? SQLFetchScroll(s.h, orientation, static_cast<SQLLEN>(offset)) : SQLFetch(s.h);
     }
     collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
-    const SQLULEN rows = SQL_SUCCEEDED(rc) ? std::min(s.rows_fetched, rowset) : 0;
-    w.u64(rows);
-    for (SQLULEN i = 0; i < rows; ++i) w.i16(static_cast<int16_t>(s.row_status[i]));
-    for (const auto &r : req) {
-        const BoundColumn &b = s.columns[r.column];
-        for (SQLULEN i = 0; i < rows; ++i) {
-            SQLLEN ind = b.indicators[i];
-            w.i64(ind);
-            w.bytes(b.data.data() + i * static_cast<size_t>(b.element),
-                    extent(r.c_type, ind, r.buffer_length, b.element));
-        }
-    }
+    put_rowset(w, s, req, SQL_SUCCEEDED(rc) ? std::min(s.rows_fetched, rowset) : 0);
+    if (has_plan && !scroll && rowset == 1) read_ahead(s, plan, req, rc, w);
 }
 
 void op_get_data(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {

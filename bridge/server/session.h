@@ -35,6 +35,7 @@ struct Statement {
     SQLULEN rowset = 1;
     SQLULEN rows_fetched = 0;
     std::vector<SQLUSMALLINT> row_status;
+    std::vector<uint8_t> scratch;  // SQLGetData's buffer while reading ahead
 };
 
 struct Connection {

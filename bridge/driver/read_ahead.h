@@ -1,0 +1,109 @@
+// Rows the server read ahead of the application (see protocol/read_ahead.h).
+//
+// A fetch reply may carry more rows than the application asked for, each
+// with the SQLGetData calls the server made on it: the ones the application
+// made on the row before. SQLFetch then hands out the next held row, and
+// SQLGetData answers from it while the application asks the same as before.
+// A request the held row cannot answer goes to the server only where the
+// server's cursor is still on that row, in the same state; anywhere else the
+// data is gone from the target's forward-only cursor, and the request fails.
+#pragma once
+
+#include <sql.h>
+#include <sqlext.h>
+
+#include <cstdint>
+#include <map>
+#include <span>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "protocol/read_ahead.h"
+
+namespace zbd {
+
+struct HeldValue {
+    SQLLEN indicator = 0;
+    size_t at = 0, length = 0;  // in ReadAhead::bytes
+};
+
+struct HeldCall {
+    zb::DataRequest request;
+    SQLRETURN rc = SQL_SUCCESS;
+    std::vector<zb::DiagRecord> diags;
+    HeldValue value;
+};
+
+struct HeldRow {
+    SQLRETURN rc = SQL_SUCCESS;  // the row's SQLFetch
+    std::vector<zb::DiagRecord> diags;
+    SQLULEN rows = 0;  // 0 or 1
+    SQLUSMALLINT status = 0;
+    std::vector<HeldValue> bound;  // one per bound column, in column order
+    size_t first_call = 0, calls = 0;
+};
+
+// What a result's columns are (name, SQL type, size, digits). The requests
+// an application made on a result's first row are remembered per
+// connection by shape, and the first fetch of a result of that shape reads
+// ahead with them.
+using ShapeKey = std::vector<std::tuple<std::string, int16_t, uint64_t, int16_t>>;
+using FirstReads = std::map<ShapeKey, std::vector<zb::DataRequest>>;
+// The bound columns a fetch filled: column, C type, buffer length.
+using BoundKey = std::vector<std::tuple<int, int16_t, int64_t>>;
+
+class ReadAhead {
+public:
+    explicit ReadAhead(FirstReads &first_reads) : first_reads_(first_reads) {}
+
+    // A new result (execute, catalog call, more results, close): held rows
+    // are dropped.
+    void new_result(const ShapeKey &next_shape);
+    void close_result() { new_result(shape_); }
+
+    // The plan for a live fetch of a one-row rowset, some columns bound or none.
+    zb::ReadAheadPlan plan(bool bound) const;
+    // Takes what a live fetch sent with `plan` returned after its rowset:
+    // the first row's replayed calls, then the further rows, filled for the
+    // columns `bound` names.
+    void take(std::vector<uint8_t> bytes, zb::Reader &in, const BoundKey &bound,
+              const zb::ReadAheadPlan &plan);
+
+    // Rows are held that the server has read past; the bindings they were
+    // read for.
+    bool holds_rows() const { return next_ < rows_.size(); }
+    const BoundKey &bound() const { return bound_; }
+    // Starts the next row: the held one (REQUIRES: holds_rows()), or null
+    // when the fetch goes to the server. Either way the application's
+    // requests on the row before become the next plan's.
+    const HeldRow *next_row();
+
+    enum class Answer { Held, Live, Lost };
+    // Where a SQLGetData request is answered; for Held, `call` is set and the
+    // call counts as made.
+    Answer answer(const zb::DataRequest &r, const HeldCall *&call);
+    // Every SQLGetData the application made, with its return code.
+    void record(const zb::DataRequest &r, SQLRETURN rc);
+
+    std::span<const uint8_t> value(const HeldValue &v) const { return {bytes_.data() + v.at, v.length}; }
+
+private:
+    void end_row();
+
+    std::vector<uint8_t> bytes_;
+    std::vector<HeldRow> rows_;
+    std::vector<HeldCall> calls_;
+    size_t next_ = 0;                 // next held row to hand out
+    bool on_held_ = false;            // the current row is rows_[next_ - 1]
+    bool row_current_ = false;        // a fetch has made a row current
+    BoundKey bound_;
+    size_t served_ = 0;               // held calls of the current row answered
+    std::vector<std::pair<zb::DataRequest, SQLRETURN>> made_;  // on the current row
+    std::vector<zb::DataRequest> requests_;                    // of the row before
+    bool first_row_ = true;
+    ShapeKey shape_;
+    FirstReads &first_reads_;
+};
+
+}  // namespace zbd
