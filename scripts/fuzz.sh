@@ -7,7 +7,9 @@
 # A long campaign: FUZZ_RUNS=N runs N inputs per target instead of a time
 # limit, and FUZZ_CORPUS=DIR keeps each target's corpus in DIR/<target>
 # (seeded from the repository's) so campaigns can be resumed.
-# FUZZ_BUILD=DIR builds elsewhere than build/fuzz.
+# FUZZ_BUILD=DIR builds elsewhere than build/fuzz. FUZZ_TIMEOUT=SECONDS sets
+# when one input counts as a hang (default 10; raise it for a campaign that
+# may be paused while the machine does other work).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-30}
@@ -39,7 +41,7 @@ for target in "${targets[@]}"; do
   fi
   cp -rn "tests/fuzz/corpus/$target/." "$work/"
   echo "=== fuzz_$target: ${limit[*]}"
-  if ! "$dir/tests/fuzz/fuzz_$target" "$work" "${limit[@]}" -timeout=10 \
+  if ! "$dir/tests/fuzz/fuzz_$target" "$work" "${limit[@]}" -timeout="${FUZZ_TIMEOUT:-10}" \
       -rss_limit_mb=1024 -malloc_limit_mb=65536 -max_len=20000 -print_final_stats=1 \
       -artifact_prefix="$findings/$target-" > "$findings/$target.log" 2>&1; then
     status=1

@@ -181,9 +181,9 @@ SQLRETURN fetch(Stmt &s, bool scroll, SQLSMALLINT orientation, SQLLEN offset) {
     const bool one_row = s.row_array_size == 1 && (!scroll || orientation == SQL_FETCH_NEXT);
     if (s.ahead.holds_rows()) {
         if (!one_row || s.ahead.bound() != bound_key(s)) return lost(s);
-        return hand_out(s, *s.ahead.next_row());
+        return hand_out(s, *s.ahead.next_row(s.columns.empty()));
     }
-    s.ahead.next_row();
+    s.ahead.next_row(one_row && s.columns.empty());
     zb::Writer w;
     w.u8(scroll);
     w.i16(orientation);

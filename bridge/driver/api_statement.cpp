@@ -21,9 +21,7 @@ void take_shape(Stmt &s, Reply &r, SQLRETURN rc, bool opens_cursor = true) {
     if (r.in.done()) return;
     s.shape = zb::get_shape(r.in);
     s.has_shape = true;
-    ShapeKey key;
-    for (const auto &c : s.shape.columns) key.emplace_back(c.name, c.sql_type, c.size, c.digits);
-    s.ahead.new_result(key);
+    s.ahead.new_result(zb::column_keys(s.shape));
     for (size_t i = 0; i < s.shape.columns.size(); ++i) {
         const auto &c = s.shape.columns[i];
         if (c.unsigned_rc == SQL_SUCCESS)
@@ -31,6 +29,14 @@ void take_shape(Stmt &s, Reply &r, SQLRETURN rc, bool opens_cursor = true) {
                                  CachedAttribute{SQL_SUCCESS, {}, {}, static_cast<SQLLEN>(c.is_unsigned)});
     }
     if (opens_cursor && s.shape.column_count > 0) s.cursor_open = true;
+}
+
+void remember_shape(Stmt &s, const std::optional<std::string> &text) {
+    if (!text || !s.has_shape || s.shape.column_count == 0) return;
+    auto &known = s.dbc->shape_of_sql;
+    constexpr size_t kTextsKept = 256;
+    if (known.size() >= kTextsKept && !known.contains(*text)) known.clear();
+    known[*text] = zb::column_keys(s.shape);
 }
 
 bool local_attr(SQLINTEGER attr) {
@@ -58,12 +64,25 @@ SQLRETURN run_execute(Stmt &s, const Text &direct_sql) {
         s.dae.pending = dae;
         return SQL_NEED_DATA;
     }
+    // A statement whose text opened a result before is expected to open
+    // one of the same shape: its first rows come back with the execute.
+    const std::optional<std::string> &text = direct_sql ? direct_sql : s.prepared_sql;
+    std::optional<zb::ReadAheadPlan> plan;
+    auto known = text ? s.dbc->shape_of_sql.find(*text) : s.dbc->shape_of_sql.end();
+    if (known != s.dbc->shape_of_sql.end() && s.columns.empty() && s.row_array_size == 1 && s.paramset_size == 1)
+        plan = s.ahead.execute_plan(known->second);
+    if (plan) {
+        zb::put_plan(w, *plan);
+        zb::put_column_keys(w, known->second);
+    }
     Reply r = stmt_call(s, zb::Op::Execute, w);
     SQLRETURN rc = adopt(s, r);
     if (rc != SQL_INVALID_HANDLE && !r.in.done()) {
         decode_execute_reply(s, r.in);
         take_shape(s, r, rc);
+        if (plan && !r.in.done() && r.in.u8() != 0) s.ahead.take_rows(std::move(r.bytes), r.in, *plan);
     }
+    remember_shape(s, text);
     if (direct_sql) s.prepared = false;
     return rc;
 }
@@ -201,6 +220,7 @@ SQLRETURN prepare(Stmt &s, const std::string &sql) {
     Reply r = stmt_call(s, zb::Op::Prepare, w);
     SQLRETURN rc = adopt(s, r);
     s.prepared = SQL_SUCCEEDED(rc);
+    s.prepared_sql = s.prepared ? std::optional<std::string>(sql) : std::nullopt;
     s.has_shape = false;
     s.attributes.clear();
     if (s.prepared) {

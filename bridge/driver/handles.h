@@ -72,6 +72,7 @@ struct Dbc : Handle {
     std::set<Stmt *> statements;
     std::string out_connection;  // the completed connection string
     FirstReads first_reads;      // how results of each shape were read
+    std::map<std::string, ShapeKey> shape_of_sql;  // the result each statement text opened
     int timeout = 0;
     bool connected() const { return rpc != nullptr && remote != 0; }
 };

@@ -18,7 +18,7 @@ void ReadAhead::new_result(const ShapeKey &next_shape) {
     end_row();
     shape_ = next_shape;
     auto known = first_reads_.find(shape_);
-    if (known != first_reads_.end()) requests_ = known->second;
+    if (known != first_reads_.end()) requests_ = known->second.requests;
     else requests_.clear();
     first_row_ = true;
     rows_.clear();
@@ -43,7 +43,7 @@ void ReadAhead::end_row() {
     if (first_row_ && !shape_.empty()) {
         constexpr size_t kShapesKept = 256;
         if (first_reads_.size() >= kShapesKept && !first_reads_.contains(shape_)) first_reads_.clear();
-        first_reads_[shape_] = requests_;
+        first_reads_[shape_] = {requests_, first_plain_};
     }
     first_row_ = false;
 }
@@ -56,8 +56,16 @@ zb::ReadAheadPlan ReadAhead::plan(bool bound) const {
     return p;
 }
 
-const HeldRow *ReadAhead::next_row() {
+std::optional<zb::ReadAheadPlan> ReadAhead::execute_plan(const ShapeKey &shape) const {
+    auto known = first_reads_.find(shape);
+    if (shape.empty() || known == first_reads_.end() || !known->second.plain || known->second.requests.empty())
+        return std::nullopt;
+    return zb::ReadAheadPlan{known->second.requests, zb::kReadAheadRows, zb::kReadAheadBytes};
+}
+
+const HeldRow *ReadAhead::next_row(bool plain) {
     end_row();
+    if (first_row_) first_plain_ = plain;
     row_current_ = true;
     served_ = 0;
     on_held_ = next_ < rows_.size();
@@ -70,26 +78,22 @@ const HeldRow *ReadAhead::next_row() {
     return &rows_[next_++];
 }
 
-void ReadAhead::take(std::vector<uint8_t> bytes, zb::Reader &in, const BoundKey &bound,
-                     const zb::ReadAheadPlan &plan) {
-    bytes_ = std::move(bytes);  // `in` reads from this buffer, which the move keeps
+void ReadAhead::take_list(zb::Reader &in, const zb::ReadAheadPlan &plan) {
     const uint8_t *base = bytes_.data();
-    rows_.clear();
-    calls_.clear();
-    bound_ = bound;
     auto take_calls = [&](HeldRow &row) {
         row.first_call = calls_.size();
         row.calls = in.u32();
+        if (row.calls > plan.requests.size()) throw zb::DecodeError("more replayed calls than requested");
         for (size_t i = 0; i < row.calls; ++i) {
             HeldCall c;
+            c.request = plan.requests[i];
             c.rc = in.i16();
             c.diags = zb::get_diags(in);
             c.value = held_value(in, base);
             calls_.push_back(std::move(c));
         }
     };
-    rows_.emplace_back();
-    take_calls(rows_.back());
+    if (!rows_.empty()) take_calls(rows_.front());
     while (in.u8() != 0) {
         HeldRow row;
         row.rc = in.i16();
@@ -97,20 +101,33 @@ void ReadAhead::take(std::vector<uint8_t> bytes, zb::Reader &in, const BoundKey 
         row.rows = in.u64();
         if (row.rows > 1) throw zb::DecodeError("more than one row in a read-ahead rowset");
         if (row.rows == 1) row.status = static_cast<SQLUSMALLINT>(in.i16());
-        for (size_t c = 0; c < bound.size(); ++c)
+        for (size_t c = 0; c < bound_.size(); ++c)
             row.bound.push_back(row.rows == 1 ? held_value(in, base) : HeldValue{});
         take_calls(row);
         rows_.push_back(std::move(row));
     }
-    // The requests each call answers are the plan's, in order.
-    for (const HeldRow &row : rows_)
-        for (size_t i = 0; i < row.calls; ++i) {
-            if (i >= plan.requests.size()) throw zb::DecodeError("more replayed calls than requested");
-            calls_[row.first_call + i].request = plan.requests[i];
-        }
+}
+
+void ReadAhead::take(std::vector<uint8_t> bytes, zb::Reader &in, const BoundKey &bound,
+                     const zb::ReadAheadPlan &plan) {
+    bytes_ = std::move(bytes);  // `in` reads from this buffer, which the move keeps
+    rows_.assign(1, HeldRow{});  // the fetched row, already handed out
+    calls_.clear();
+    bound_ = bound;
+    take_list(in, plan);
     next_ = 1;
     on_held_ = true;
     served_ = 0;
+}
+
+void ReadAhead::take_rows(std::vector<uint8_t> bytes, zb::Reader &in, const zb::ReadAheadPlan &plan) {
+    bytes_ = std::move(bytes);
+    rows_.clear();
+    calls_.clear();
+    bound_.clear();
+    take_list(in, plan);
+    next_ = 0;
+    on_held_ = false;
 }
 
 ReadAhead::Answer ReadAhead::answer(const zb::DataRequest &r, const HeldCall *&call) {

@@ -14,9 +14,11 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "protocol/read_ahead.h"
@@ -44,12 +46,17 @@ struct HeldRow {
     size_t first_call = 0, calls = 0;
 };
 
-// What a result's columns are (name, SQL type, size, digits). The requests
-// an application made on a result's first row are remembered per
-// connection by shape, and the first fetch of a result of that shape reads
-// ahead with them.
-using ShapeKey = std::vector<std::tuple<std::string, int16_t, uint64_t, int16_t>>;
-using FirstReads = std::map<ShapeKey, std::vector<zb::DataRequest>>;
+// What a result's columns are. The requests an application made on a
+// result's first row are remembered per connection by shape: the first
+// fetch of a result of that shape reads ahead with them, and so does an
+// execute that is expected to open one, when the first fetch was plain
+// (one-row rowset, nothing bound).
+using ShapeKey = std::vector<zb::ColumnKey>;
+struct FirstRead {
+    std::vector<zb::DataRequest> requests;
+    bool plain = false;
+};
+using FirstReads = std::map<ShapeKey, FirstRead>;
 // The bound columns a fetch filled: column, C type, buffer length.
 using BoundKey = std::vector<std::tuple<int, int16_t, int64_t>>;
 
@@ -64,6 +71,10 @@ public:
 
     // The plan for a live fetch of a one-row rowset, some columns bound or none.
     zb::ReadAheadPlan plan(bool bound) const;
+    // The plan for an execute expected to open a result of `shape`, if any.
+    std::optional<zb::ReadAheadPlan> execute_plan(const ShapeKey &shape) const;
+    // Takes the row list an execute sent with `plan` returned.
+    void take_rows(std::vector<uint8_t> bytes, zb::Reader &in, const zb::ReadAheadPlan &plan);
     // Takes what a live fetch sent with `plan` returned after its rowset:
     // the first row's replayed calls, then the further rows, filled for the
     // columns `bound` names.
@@ -77,7 +88,8 @@ public:
     // Starts the next row: the held one (REQUIRES: holds_rows()), or null
     // when the fetch goes to the server. Either way the application's
     // requests on the row before become the next plan's.
-    const HeldRow *next_row();
+    // `plain`: a one-row rowset with nothing bound.
+    const HeldRow *next_row(bool plain);
 
     enum class Answer { Held, Live, Lost };
     // Where a SQLGetData request is answered; for Held, `call` is set and the
@@ -90,6 +102,7 @@ public:
 
 private:
     void end_row();
+    void take_list(zb::Reader &in, const zb::ReadAheadPlan &plan);
 
     std::vector<uint8_t> bytes_;
     std::vector<HeldRow> rows_;
@@ -102,6 +115,7 @@ private:
     std::vector<std::pair<zb::DataRequest, SQLRETURN>> made_;  // on the current row
     std::vector<zb::DataRequest> requests_;                    // of the row before
     bool first_row_ = true;
+    bool first_plain_ = false;
     ShapeKey shape_;
     FirstReads &first_reads_;
 };

@@ -14,9 +14,16 @@
 // then for each further row a 1 byte, its fetch's return code,
 // diagnostics, rowset and replayed calls; a 0 byte ends the list.
 // A replayed call: return code, diagnostics, indicator, value bytes.
+//
+// An execute request may end with a plan too, and the result columns the
+// driver expects. When the result has exactly those, the server fetches at
+// once and the reply ends with 1 and the row list (from the first row);
+// otherwise with 0.
 #pragma once
 
+#include <compare>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "protocol/codec.h"
@@ -35,6 +42,44 @@ struct ReadAheadPlan {
     uint32_t max_rows = 1;       // rows in the reply, the fetched one included
     uint32_t byte_budget = 0;    // stop adding rows once the reply is this long
 };
+
+// What identifies a result column for reading it the same way again.
+struct ColumnKey {
+    std::string name;
+    int16_t sql_type = 0;
+    uint64_t size = 0;
+    int16_t digits = 0;
+    auto operator<=>(const ColumnKey &) const = default;
+};
+
+inline std::vector<ColumnKey> column_keys(const ResultShape &shape) {
+    std::vector<ColumnKey> keys;
+    for (const auto &c : shape.columns) keys.push_back({c.name, c.sql_type, c.size, c.digits});
+    return keys;
+}
+
+inline void put_column_keys(Writer &w, const std::vector<ColumnKey> &keys) {
+    w.u32(static_cast<uint32_t>(keys.size()));
+    for (const auto &k : keys) {
+        w.str(k.name);
+        w.i16(k.sql_type);
+        w.u64(k.size);
+        w.i16(k.digits);
+    }
+}
+
+inline std::vector<ColumnKey> get_column_keys(Reader &r) {
+    std::vector<ColumnKey> keys;
+    for (uint32_t n = r.u32(); n > 0; --n) {
+        ColumnKey k;
+        k.name = r.str();
+        k.sql_type = r.i16();
+        k.size = r.u64();
+        k.digits = r.i16();
+        keys.push_back(std::move(k));
+    }
+    return keys;
+}
 
 inline constexpr uint32_t kReadAheadRows = 4096;
 inline constexpr uint32_t kReadAheadBytes = 48 << 10;

@@ -5,6 +5,7 @@
 
 #include "protocol/odbc_kinds.h"
 #include "server/ops.h"
+#include "server/rows.h"
 #include "server/wide.h"
 
 namespace zbs {
@@ -255,16 +256,20 @@ void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
                                 static_cast<SQLLEN>(buf.size()));
         w.bytes(buf.data(), std::min(n, buf.size()));
     }
-    zb::Writer shape;
-    put_result_shape(shape, s.h);
+    zb::ResultShape shape = result_shape(s.h);
     if (counted) {  // the count of the whole array, not of its last set
-        zb::Reader r(shape.data().data(), shape.size());
-        zb::ResultShape rs = zb::get_shape(r);
-        rs.rowcount_rc = SQL_SUCCESS;
-        rs.row_count = total_rows;
-        zb::put_shape(w, rs);
-    } else {
-        w.data().insert(w.data().end(), shape.data().begin(), shape.data().end());
+        shape.rowcount_rc = SQL_SUCCESS;
+        shape.row_count = total_rows;
+    }
+    zb::put_shape(w, shape);
+    // Rows read ahead at once, for a result shaped as the driver expects.
+    if (processed == sets && !in.done()) {
+        const zb::ReadAheadPlan plan = zb::get_plan(in);
+        const std::vector<zb::ColumnKey> expected = zb::get_column_keys(in);
+        const bool read = rc == SQL_SUCCESS && sets == 1 && shape.column_count > 0 &&
+                          expected == zb::column_keys(shape) && SQL_SUCCEEDED(bind_columns(s, {}, 1));
+        w.u8(read);
+        if (read) read_rows(s, plan, {}, w.size(), 0, w);
     }
 }
 

@@ -133,7 +133,9 @@ zb::DiagRecord bridge_diag(const char *sqlstate, const std::string &message) {
     return r;
 }
 
-void put_result_shape(zb::Writer &w, SQLHSTMT h) {
+void put_result_shape(zb::Writer &w, SQLHSTMT h) { zb::put_shape(w, result_shape(h)); }
+
+zb::ResultShape result_shape(SQLHSTMT h) {
     zb::ResultShape s;
     SQLSMALLINT n = 0;
     s.columns_rc = SQLNumResultCols(h, &n);
@@ -150,7 +152,7 @@ void put_result_shape(zb::Writer &w, SQLHSTMT h) {
     SQLLEN count = -1;
     s.rowcount_rc = SQLRowCount(h, &count);
     s.row_count = count;
-    zb::put_shape(w, s);
+    return s;
 }
 
 }  // namespace zbs

@@ -92,7 +92,8 @@ zb::DiagRecord bridge_diag(const char *sqlstate, const std::string &message);
 using Handler = void (*)(Session &, void *handle, zb::Reader &, zb::Writer &, Outcome &);
 Handler handler_for(zb::Op op);
 
-// Encodes what SQLNumResultCols, SQLDescribeCol and SQLRowCount report.
+// What SQLNumResultCols, SQLDescribeCol and SQLRowCount report, and its encoding.
+zb::ResultShape result_shape(SQLHSTMT h);
 void put_result_shape(zb::Writer &w, SQLHSTMT h);
 
 // Loads the served data sources' drivers once, before children are forked.

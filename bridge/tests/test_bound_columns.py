@@ -40,12 +40,23 @@ def ok(rc):
     return rc
 
 
-def fetch_all(connection_string, row_wise):
-    env, dbc, stmt = SQLHANDLE(), SQLHANDLE(), SQLHANDLE()
+def fetch_all(connection_string, row_wise, rowset=ROWS, runs=1):
+    env, dbc = SQLHANDLE(), SQLHANDLE()
     ok(odbc.SQLAllocHandle(SQL_HANDLE_ENV, None, ctypes.byref(env)))
     ok(odbc.SQLSetEnvAttr(env, SQL_ATTR_ODBC_VERSION, SQL_OV_ODBC3, 0))
     ok(odbc.SQLAllocHandle(SQL_HANDLE_DBC, env, ctypes.byref(dbc)))
     ok(odbc.SQLDriverConnect(dbc, None, connection_string.encode(), SQL_NTS, None, 0, None, 0))
+    out = []
+    for _ in range(runs):  # a statement handle per run, binding after each execute
+        out += fetch_one_result(dbc, row_wise, rowset)
+    odbc.SQLDisconnect(dbc)
+    odbc.SQLFreeHandle(SQL_HANDLE_DBC, dbc)
+    odbc.SQLFreeHandle(SQL_HANDLE_ENV, env)
+    return out
+
+
+def fetch_one_result(dbc, row_wise, rowset):
+    stmt = SQLHANDLE()
     ok(odbc.SQLAllocHandle(SQL_HANDLE_STMT, dbc, ctypes.byref(stmt)))
     ok(odbc.SQLExecDirect(stmt, b"with recursive s(n) as (select 1 union all select n + 1 from s where n < 7) "
                                 b"select n, case when n % 3 = 0 then null else 'value number ' || n end from s",
@@ -53,7 +64,7 @@ def fetch_all(connection_string, row_wise):
     fetched = ctypes.c_uint64()
     status = (ctypes.c_uint16 * ROWS)()
     offset = SQLLEN(0)
-    ok(odbc.SQLSetStmtAttr(stmt, SQL_ATTR_ROW_ARRAY_SIZE, ROWS, 0))
+    ok(odbc.SQLSetStmtAttr(stmt, SQL_ATTR_ROW_ARRAY_SIZE, rowset, 0))
     ok(odbc.SQLSetStmtAttr(stmt, SQL_ATTR_ROWS_FETCHED_PTR, ctypes.addressof(fetched), 0))
     ok(odbc.SQLSetStmtAttr(stmt, SQL_ATTR_ROW_STATUS_PTR, ctypes.addressof(status), 0))
     if row_wise:
@@ -61,11 +72,11 @@ def fetch_all(connection_string, row_wise):
         rows = (Row * (2 * ROWS))()
         ok(odbc.SQLSetStmtAttr(stmt, SQL_ATTR_ROW_BIND_TYPE, ctypes.sizeof(Row), 0))
         ok(odbc.SQLSetStmtAttr(stmt, SQL_ATTR_ROW_BIND_OFFSET_PTR, ctypes.addressof(offset), 0))
-        offset.value = ROWS * ctypes.sizeof(Row)
+        offset.value = rowset * ctypes.sizeof(Row)
         base = ctypes.addressof(rows)
         ok(odbc.SQLBindCol(stmt, 1, SQL_C_SLONG, base + Row.n.offset, 4, base + Row.n_ind.offset))
         ok(odbc.SQLBindCol(stmt, 2, SQL_C_CHAR, base + Row.t.offset, TEXT, base + Row.t_ind.offset))
-        read = lambda i: (rows[ROWS + i].n, rows[ROWS + i].n_ind, rows[ROWS + i].t, rows[ROWS + i].t_ind)  # noqa: E731
+        read = lambda i: (rows[rowset + i].n, rows[rowset + i].n_ind, rows[rowset + i].t, rows[rowset + i].t_ind)  # noqa: E731
     else:
         n, n_ind = (ctypes.c_int32 * ROWS)(), (SQLLEN * ROWS)()
         t, t_ind = (ctypes.c_char * (TEXT * ROWS))(), (SQLLEN * ROWS)()
@@ -81,9 +92,6 @@ def fetch_all(connection_string, row_wise):
         out.append((rc, fetched.value, [status[i] for i in range(fetched.value)],
                     [read(i) for i in range(fetched.value)]))
     odbc.SQLFreeHandle(SQL_HANDLE_STMT, stmt)
-    odbc.SQLDisconnect(dbc)
-    odbc.SQLFreeHandle(SQL_HANDLE_DBC, dbc)
-    odbc.SQLFreeHandle(SQL_HANDLE_ENV, env)
     return out
 
 
@@ -94,3 +102,13 @@ def test_bound_row_arrays_fill_the_same_buffers(setup, row_wise):
     assert bridged == direct
     assert [len(batch[3]) for batch in direct] == [3, 3, 1]
     assert direct[0][0] == 1  # text cut to the buffer: SQL_SUCCESS_WITH_INFO
+
+
+@pytest.mark.parametrize("row_wise", [False, True], ids=["column-wise", "row-wise with offset"])
+def test_one_row_fetches_into_bound_columns_read_ahead(setup, row_wise):
+    """One row per fetch: rows after the first arrive read ahead, filled for
+    the bound columns; the same text run again binds after its execute."""
+    direct = fetch_all("DSN=direct", row_wise, rowset=1, runs=2)
+    bridged = fetch_all(setup.bridge_string(), row_wise, rowset=1, runs=2)
+    assert bridged == direct
+    assert len(direct) == 14

@@ -1,0 +1,47 @@
+// Result rows on the server: binding the target's columns for a fetch,
+// writing rowsets, and reading rows ahead (see protocol/read_ahead.h).
+#pragma once
+
+#include <vector>
+
+#include "protocol/read_ahead.h"
+#include "server/session.h"
+
+namespace zbs {
+
+inline constexpr SQLLEN kMaxBuffer = 256 << 20;  // one value never needs more
+
+// Bytes a value of c_type takes in a buffer of buffer_length.
+SQLLEN element_size(SQLSMALLINT c_type, SQLLEN buffer_length);
+// Bytes of a value worth sending back: what the target wrote, not the buffer.
+size_t extent(SQLSMALLINT c_type, SQLLEN indicator, SQLLEN buffer_length, SQLLEN element);
+
+struct ColumnRequest {
+    SQLUSMALLINT column;
+    SQLSMALLINT c_type;
+    SQLLEN buffer_length;
+};
+
+// Binds the target's columns to the statement's buffers as requested,
+// reusing the binding of the previous fetch when nothing changed.
+SQLRETURN bind_columns(Statement &s, const std::vector<ColumnRequest> &req, SQLULEN rowset);
+
+// Writes the rowset a fetch left in the statement's bound buffers.
+void put_rowset(zb::Writer &w, Statement &s, const std::vector<ColumnRequest> &req, SQLULEN rows);
+
+// Makes the plan's requests on the row the cursor is on and writes them;
+// false when one was not plain SQL_SUCCESS (the row ends there).
+bool replay_row(Statement &s, const zb::ReadAheadPlan &plan, zb::Writer &w);
+
+// Fetches and replays further rows as the plan says, writing the row list
+// (each row: 1, return code, diagnostics, rowset, replayed calls; then 0).
+// `rows` were already written since w held `start` bytes.
+void read_rows(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<ColumnRequest> &req,
+               size_t start, uint32_t rows, zb::Writer &w);
+
+// The tail of a fetch that returned first_rc for a one-row rowset: the
+// fetched row's replayed calls, then the row list.
+void read_ahead(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<ColumnRequest> &req,
+                SQLRETURN first_rc, zb::Writer &w);
+
+}  // namespace zbs
