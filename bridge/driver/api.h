@@ -53,6 +53,10 @@ SQLRETURN describe_col(Stmt &s, SQLUSMALLINT column, const OutBuf &name, SQLSMAL
 SQLRETURN col_attribute(Stmt &s, SQLUSMALLINT column, SQLUSMALLINT field, const OutBuf &text,
                         SQLSMALLINT *text_length, SQLLEN *number);
 SQLRETURN fetch(Stmt &s, bool scroll, SQLSMALLINT orientation, SQLLEN offset);
+// The column attributes applications ask for, fetched for every column at
+// once: the request's field list, and taking the answer into s.
+void put_common_fields(zb::Writer &w);
+void take_common_attributes(Stmt &s, zb::Reader &in);
 SQLRETURN get_data(Stmt &s, SQLUSMALLINT column, SQLSMALLINT c_type, SQLPOINTER data,
                    SQLLEN length, SQLLEN *indicator);
 

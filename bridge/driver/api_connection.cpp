@@ -96,6 +96,7 @@ SQLRETURN disconnect(Dbc &dbc) {
     }
     for (Stmt *s : dbc.statements) delete s;
     dbc.statements.clear();
+    dbc.spare_statements.clear();
     dbc.info.clear();
     close_transport(dbc);
     dbc.broken = false;

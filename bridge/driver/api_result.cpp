@@ -37,16 +37,13 @@ void load_common_attributes(Stmt &s) {
     s.attributes_loaded = true;
     zb::Writer w;
     w.i16(0);
-    w.u32(static_cast<uint32_t>(std::size(kCommonAttributes)));
-    for (auto f : kCommonAttributes) w.i16(static_cast<int16_t>(f));
+    put_common_fields(w);
     Reply r = call(s, zb::Op::ColAttribute, w);
     if (r.rc != SQL_SUCCESS) return;  // each attribute is then asked on its own
-    for (uint32_t n = r.in.u32(); n > 0; --n) {
-        int column = r.in.i16(), field = r.in.i16();
-        SQLRETURN rc = r.in.i16();
-        std::string text = r.in.str();
-        auto number = static_cast<SQLLEN>(r.in.i64());
-        if (rc == SQL_SUCCESS) s.attributes.emplace(std::make_pair(column, field), CachedAttribute{rc, {}, text, number});
+    take_common_attributes(s, r.in);
+    if (s.result_text) {
+        auto known = s.dbc->texts.find(*s.result_text);
+        if (known != s.dbc->texts.end()) known->second.described = true;
     }
 }
 
@@ -73,6 +70,22 @@ SQLRETURN live_get_data(Stmt &s, const zb::DataRequest &request, SQLPOINTER data
 }
 
 }  // namespace
+
+void put_common_fields(zb::Writer &w) {
+    w.u32(static_cast<uint32_t>(std::size(kCommonAttributes)));
+    for (auto f : kCommonAttributes) w.i16(static_cast<int16_t>(f));
+}
+
+void take_common_attributes(Stmt &s, zb::Reader &in) {
+    s.attributes_loaded = true;
+    for (uint32_t n = in.u32(); n > 0; --n) {
+        int column = in.i16(), field = in.i16();
+        SQLRETURN rc = in.i16();
+        std::string text = in.str();
+        auto number = static_cast<SQLLEN>(in.i64());
+        if (rc == SQL_SUCCESS) s.attributes.emplace(std::make_pair(column, field), CachedAttribute{rc, {}, text, number});
+    }
+}
 
 SQLRETURN num_result_cols(Stmt &s, SQLSMALLINT *count) {
     SQLSMALLINT n = s.has_shape && SQL_SUCCEEDED(s.shape.columns_rc) ? s.shape.column_count : 0;
@@ -135,8 +148,7 @@ namespace {
 // Reports a request the rows read ahead cannot answer any more.
 SQLRETURN lost(Stmt &s) {
     return add_diag(s, "HY000",
-                    "[zephodbc]rows were read ahead as the row before was read: this one cannot be "
-                    "read another way");
+                    "rows were read ahead as the row before was read: this one cannot be read another way");
 }
 
 BoundKey bound_key(const Stmt &s) {

@@ -16,6 +16,7 @@ void take_shape(Stmt &s, Reply &r, SQLRETURN rc, bool opens_cursor = true) {
     s.attributes.clear();
     s.attributes_loaded = false;
     s.has_shape = false;
+    s.result_text.reset();
     s.ahead.close_result();
     if (!SQL_SUCCEEDED(rc) && rc != SQL_NO_DATA) return;
     if (r.in.done()) return;
@@ -33,10 +34,10 @@ void take_shape(Stmt &s, Reply &r, SQLRETURN rc, bool opens_cursor = true) {
 
 void remember_shape(Stmt &s, const std::optional<std::string> &text) {
     if (!text || !s.has_shape || s.shape.column_count == 0) return;
-    auto &known = s.dbc->shape_of_sql;
+    auto &known = s.dbc->texts;
     constexpr size_t kTextsKept = 256;
     if (known.size() >= kTextsKept && !known.contains(*text)) known.clear();
-    known[*text] = zb::column_keys(s.shape);
+    known[*text].shape = zb::column_keys(s.shape);
 }
 
 bool local_attr(SQLINTEGER attr) {
@@ -64,24 +65,38 @@ SQLRETURN run_execute(Stmt &s, const Text &direct_sql) {
         s.dae.pending = dae;
         return SQL_NEED_DATA;
     }
-    // A statement whose text opened a result before is expected to open
-    // one of the same shape: its first rows come back with the execute.
+    // A statement text that opened a result before is expected to open one
+    // of the same shape: its first rows (and its column attributes, when
+    // the application asked them last time) come back with the execute.
     const std::optional<std::string> &text = direct_sql ? direct_sql : s.prepared_sql;
     std::optional<zb::ReadAheadPlan> plan;
-    auto known = text ? s.dbc->shape_of_sql.find(*text) : s.dbc->shape_of_sql.end();
-    if (known != s.dbc->shape_of_sql.end() && s.columns.empty() && s.row_array_size == 1 && s.paramset_size == 1)
-        plan = s.ahead.execute_plan(known->second);
-    if (plan) {
-        zb::put_plan(w, *plan);
-        zb::put_column_keys(w, known->second);
+    uint8_t extras = 0;
+    auto known = text ? s.dbc->texts.find(*text) : s.dbc->texts.end();
+    if (known != s.dbc->texts.end()) {
+        if (s.columns.empty() && s.row_array_size == 1 && s.paramset_size == 1)
+            plan = s.ahead.execute_plan(known->second.shape);
+        extras = static_cast<uint8_t>((plan ? zb::kExecuteReadsAhead : 0) |
+                                      (known->second.described ? zb::kExecuteDescribes : 0));
+    }
+    if (extras != 0) {
+        w.u8(extras);
+        if (plan) {
+            zb::put_plan(w, *plan);
+            zb::put_column_keys(w, known->second.shape);
+        }
+        if (extras & zb::kExecuteDescribes) put_common_fields(w);
     }
     Reply r = stmt_call(s, zb::Op::Execute, w);
     SQLRETURN rc = adopt(s, r);
     if (rc != SQL_INVALID_HANDLE && !r.in.done()) {
         decode_execute_reply(s, r.in);
         take_shape(s, r, rc);
-        if (plan && !r.in.done() && r.in.u8() != 0) s.ahead.take_rows(std::move(r.bytes), r.in, *plan);
+        if (extras != 0 && !r.in.done()) {
+            if (plan && r.in.u8() != 0) s.ahead.take_rows(std::move(r.bytes), r.in, *plan);
+            if ((extras & zb::kExecuteDescribes) && r.in.u8() != 0) take_common_attributes(s, r.in);
+        }
     }
+    s.result_text = text;
     remember_shape(s, text);
     if (direct_sql) s.prepared = false;
     return rc;
@@ -91,6 +106,14 @@ SQLRETURN run_execute(Stmt &s, const Text &direct_sql) {
 
 SQLRETURN alloc_stmt(Dbc &dbc, SQLHANDLE *out) {
     if (!dbc.connected()) return add_diag(dbc, "08003", "Connection not open");
+    if (!dbc.spare_statements.empty()) {
+        auto *s = new Stmt(&dbc);
+        s->remote = dbc.spare_statements.back();
+        dbc.spare_statements.pop_back();
+        dbc.statements.insert(s);
+        *out = s;
+        return SQL_SUCCESS;
+    }
     zb::Writer w;
     Reply r = call(dbc, zb::Op::AllocStmt, dbc.remote, w);
     SQLRETURN rc = adopt(dbc, r);
@@ -112,7 +135,11 @@ SQLRETURN free_stmt(Stmt &s, SQLUSMALLINT option) {
         return SQL_SUCCESS;
     case SQL_DROP: {
         Dbc &dbc = *s.dbc;
-        if (dbc.connected() && !dbc.broken) {
+        constexpr size_t kSparesKept = 4;
+        const bool clean = !s.cursor_open && !s.close_pending && !s.dae.active && !s.server_attributes_set;
+        if (clean && dbc.connected() && !dbc.broken && dbc.spare_statements.size() < kSparesKept) {
+            dbc.spare_statements.push_back(s.remote);
+        } else if (dbc.connected() && !dbc.broken) {
             zb::Writer w;
             w.i16(SQL_DROP);
             Reply r = stmt_call(s, zb::Op::FreeStmt, w);
@@ -153,6 +180,7 @@ SQLRETURN close_cursor(Stmt &s) {
 SQLRETURN set_stmt_attr(Stmt &s, SQLINTEGER attr, SQLPOINTER value) {
     const auto number = static_cast<SQLULEN>(reinterpret_cast<uintptr_t>(value));
     if (!local_attr(attr)) {
+        s.server_attributes_set = true;
         zb::Writer w;
         w.i32(attr);
         w.i64(static_cast<int64_t>(number));
@@ -291,6 +319,7 @@ SQLRETURN more_results(Stmt &s) {
     Reply r = stmt_call(s, zb::Op::MoreResults, w);
     SQLRETURN rc = adopt(s, r);
     take_shape(s, r, rc);
+    if (rc == SQL_NO_DATA) s.cursor_open = false;  // no more results: the target closed the cursor
     return rc;
 }
 

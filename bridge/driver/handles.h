@@ -70,9 +70,19 @@ struct Dbc : Handle {
     std::vector<ConnectAttr> pending;  // set before connecting
     std::map<int, std::pair<SQLRETURN, std::vector<uint8_t>>> info;  // SQLGetInfo answers
     std::set<Stmt *> statements;
+    // Server statements an application freed in a state a new one starts
+    // in (no open cursor, no attribute set on the server): the next
+    // allocation takes one instead of a round trip each way.
+    std::vector<uint64_t> spare_statements;
     std::string out_connection;  // the completed connection string
     FirstReads first_reads;      // how results of each shape were read
-    std::map<std::string, ShapeKey> shape_of_sql;  // the result each statement text opened
+    // What the last result each statement text opened looked like, and
+    // whether the application asked its column attributes.
+    struct TextMemory {
+        ShapeKey shape;
+        bool described = false;
+    };
+    std::map<std::string, TextMemory> texts;
     int timeout = 0;
     bool connected() const { return rpc != nullptr && remote != 0; }
 };
@@ -134,10 +144,12 @@ struct Stmt : Handle {
     zb::ResultShape shape;
     std::map<std::pair<int, int>, CachedAttribute> attributes;
     bool attributes_loaded = false;  // the common ones, for every column
+    std::optional<std::string> result_text;  // the statement text of the current result
     ReadAhead ahead;                 // rows of the current result read ahead
     bool cursor_open = false;        // a result the server may still hold open
     bool close_pending = false;      // closed here, not yet on the server
     bool prepared = false;
+    bool server_attributes_set = false;  // a SetStmtAttr went to the server
     std::optional<std::string> prepared_sql;
     SQLRETURN num_params_rc = SQL_ERROR;
     SQLSMALLINT num_params = 0;

@@ -15,10 +15,13 @@
 // diagnostics, rowset and replayed calls; a 0 byte ends the list.
 // A replayed call: return code, diagnostics, indicator, value bytes.
 //
-// An execute request may end with a plan too, and the result columns the
-// driver expects. When the result has exactly those, the server fetches at
-// once and the reply ends with 1 and the row list (from the first row);
-// otherwise with 0.
+// An execute request may end with a byte of extras. kExecuteReadsAhead: a
+// plan and the result columns the driver expects follow; when the result
+// has exactly those, the server fetches at once and the reply goes on with
+// 1 and the row list (from the first row), otherwise with 0.
+// kExecuteDescribes: a count and SQLColAttribute fields follow; the reply
+// goes on with 1 and the attributes of every column (as the ColAttribute
+// operation answers column 0) when the result has columns, otherwise 0.
 #pragma once
 
 #include <compare>
@@ -80,6 +83,9 @@ inline std::vector<ColumnKey> get_column_keys(Reader &r) {
     }
     return keys;
 }
+
+inline constexpr uint8_t kExecuteReadsAhead = 1;
+inline constexpr uint8_t kExecuteDescribes = 2;
 
 inline constexpr uint32_t kReadAheadRows = 4096;
 inline constexpr uint32_t kReadAheadBytes = 48 << 10;

@@ -73,17 +73,12 @@ void op_get_data(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &o
     w.bytes(buf.data(), SQL_SUCCEEDED(rc) ? extent(c_type, ind, buffer_length, element) : 0);
 }
 
-// Column attributes: one column or all (column 0), any number of fields, in
-// one reply. Clients that ask attributes ask many (isql: two per column).
-void op_col_attribute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
-    Statement &s = stmt(obj);
-    const auto first = static_cast<SQLUSMALLINT>(in.i16());
-    std::vector<SQLUSMALLINT> fields(in.u32());
-    for (auto &f : fields) f = static_cast<SQLUSMALLINT>(in.i16());
+void put_column_attributes(SQLHSTMT h, SQLUSMALLINT first, const std::vector<SQLUSMALLINT> &fields,
+                           zb::Writer &w, Outcome *out) {
     SQLUSMALLINT last = first;
     if (first == 0) {
         SQLSMALLINT n = 0;
-        SQLNumResultCols(s.h, &n);
+        SQLNumResultCols(h, &n);
         last = static_cast<SQLUSMALLINT>(std::max<SQLSMALLINT>(n, 0));
     }
     const SQLUSMALLINT from = first == 0 ? 1 : first;
@@ -92,8 +87,8 @@ void op_col_attribute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outco
         for (SQLUSMALLINT field : fields) {
             std::string value;
             SQLLEN number = 0;
-            SQLRETURN rc = col_attribute(s.h, column, field, value, number);
-            if (first != 0) collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+            SQLRETURN rc = col_attribute(h, column, field, value, number);
+            if (out != nullptr) collect_diags(SQL_HANDLE_STMT, h, rc, *out);
             w.i16(static_cast<int16_t>(column));
             w.i16(static_cast<int16_t>(field));
             w.i16(rc);
@@ -101,6 +96,16 @@ void op_col_attribute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outco
             w.i64(number);
         }
     }
+}
+
+// Column attributes: one column or all (column 0), any number of fields, in
+// one reply. Clients that ask attributes ask many (isql: two per column).
+void op_col_attribute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    Statement &s = stmt(obj);
+    const auto first = static_cast<SQLUSMALLINT>(in.i16());
+    std::vector<SQLUSMALLINT> fields(in.u32());
+    for (auto &f : fields) f = static_cast<SQLUSMALLINT>(in.i16());
+    put_column_attributes(s.h, first, fields, w, first != 0 ? &out : nullptr);
 }
 
 }  // namespace zbs

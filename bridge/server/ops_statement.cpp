@@ -185,6 +185,28 @@ void op_prepare(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
     if (SQL_SUCCEEDED(rc)) put_result_shape(w, s.h);
 }
 
+// What an execute request may ask besides (protocol/read_ahead.h): rows read
+// ahead at once for a result shaped as the driver expects, and the column
+// attributes of the result.
+static void put_execute_extras(Statement &s, zb::Reader &in, const zb::ResultShape &shape, bool clean, zb::Writer &w) {
+    const uint8_t extras = in.u8();
+    if (extras & zb::kExecuteReadsAhead) {
+        const zb::ReadAheadPlan plan = zb::get_plan(in);
+        const std::vector<zb::ColumnKey> expected = zb::get_column_keys(in);
+        const bool read = clean && shape.column_count > 0 && expected == zb::column_keys(shape) &&
+                          SQL_SUCCEEDED(bind_columns(s, {}, 1));
+        w.u8(read);
+        if (read) read_rows(s, plan, {}, w.size(), 0, w);
+    }
+    if (extras & zb::kExecuteDescribes) {
+        std::vector<SQLUSMALLINT> fields(in.u32());
+        for (auto &f : fields) f = static_cast<SQLUSMALLINT>(in.i16());
+        const bool described = shape.column_count > 0;
+        w.u8(described);
+        if (described) put_column_attributes(s.h, 0, fields, w, nullptr);
+    }
+}
+
 void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
     Statement &s = stmt(obj);
     close_if_asked(s, in);
@@ -262,15 +284,7 @@ void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
         shape.row_count = total_rows;
     }
     zb::put_shape(w, shape);
-    // Rows read ahead at once, for a result shaped as the driver expects.
-    if (processed == sets && !in.done()) {
-        const zb::ReadAheadPlan plan = zb::get_plan(in);
-        const std::vector<zb::ColumnKey> expected = zb::get_column_keys(in);
-        const bool read = rc == SQL_SUCCESS && sets == 1 && shape.column_count > 0 &&
-                          expected == zb::column_keys(shape) && SQL_SUCCEEDED(bind_columns(s, {}, 1));
-        w.u8(read);
-        if (read) read_rows(s, plan, {}, w.size(), 0, w);
-    }
+    if (processed == sets && !in.done()) put_execute_extras(s, in, shape, rc == SQL_SUCCESS && sets == 1, w);
 }
 
 void op_catalog(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {

@@ -96,6 +96,12 @@ Handler handler_for(zb::Op op);
 zb::ResultShape result_shape(SQLHSTMT h);
 void put_result_shape(zb::Writer &w, SQLHSTMT h);
 
+// Writes SQLColAttribute's answers for the fields of one column, or of every
+// column (first 0): a count, then column, field, return code, text, number
+// for each. The diagnostics go to out when it is given.
+void put_column_attributes(SQLHSTMT h, SQLUSMALLINT first, const std::vector<SQLUSMALLINT> &fields,
+                           zb::Writer &w, Outcome *out);
+
 // Loads the served data sources' drivers once, before children are forked.
 void preload_drivers(const Config &config);
 

@@ -384,3 +384,4 @@ def test_reading_a_column_another_way_mid_result(target):
     assert bridged[0] == direct[0]
     assert direct[1][0] == "ok"
     assert bridged[1][:2] == ("Error", "HY000"), bridged[1]
+    assert "[zephodbc]rows were read ahead as the row before was read" in bridged[1][2]

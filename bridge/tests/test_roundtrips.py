@@ -55,3 +55,20 @@ def test_calls_the_driver_answers_itself_make_no_round_trip(setup):
     assert calls["description"] == ["zb_execute"]
     assert calls["3 rows"] == ["zb_execute", "zb_fetch"] + ["zb_get_data"] * 3 + ["zb_fetch"]
     assert calls["3 rows again"] == ["zb_execute"]
+
+
+def test_isql_repeating_a_query_makes_three_round_trips(setup):
+    """isql prepares, executes, reads 3 rows of 9 columns with their
+    attributes and asks for more results; a statement it frees in a clean
+    state is reused for the next one."""
+    query = ("with recursive s(n) as (select 1 union all select n + 1 from s where n < 3) "
+             "select n, n * 2, n * 3, 'a' || n, 'b' || n, n / 2.0, n % 2, null, 'c' from s")
+    with tempfile.NamedTemporaryFile() as log:
+        env = dict(os.environ, ZEPHODBC_CALL_LOG=log.name)
+        out = subprocess.run(["isql", "-b", "bridge"], input=f"{query}\n{query}\n", capture_output=True,
+                             text=True, env=env, timeout=60)
+        calls = [line.strip() for line in open(log.name)]
+    assert out.returncode == 0, out.stderr
+    assert out.stdout.count("3 rows fetched") == 2
+    second = calls[calls.index("zb_more_results") + 1:]
+    assert second == ["zb_prepare", "zb_execute", "zb_more_results", "zb_disconnect"]
