@@ -233,11 +233,19 @@ SQLRETURN get_stmt_attr(Stmt &s, SQLINTEGER attr, SQLPOINTER value) {
     case SQL_ATTR_PARAMS_PROCESSED_PTR: return put(s.params_processed);
     default: break;
     }
+    // The server's cursor may be rows ahead of the application's.
+    if (const HeldRow *row = s.ahead.current(); attr == SQL_ATTR_ROW_NUMBER && row != nullptr) {
+        if (!SQL_SUCCEEDED(row->number_rc)) return add_diag(s, "HY000", "the row number of this row is not known");
+        return put(row->number);
+    }
     zb::Writer w;
     w.i32(attr);
     Reply r = stmt_call(s, zb::Op::GetStmtAttr, w);
     SQLRETURN rc = adopt(s, r);
-    if (SQL_SUCCEEDED(rc)) put(static_cast<SQLULEN>(r.in.u64()));
+    if (SQL_SUCCEEDED(rc)) {
+        auto number = static_cast<SQLULEN>(r.in.u64());
+        put(number);
+    }
     return rc;
 }
 

@@ -93,7 +93,14 @@ void ReadAhead::take_list(zb::Reader &in, const zb::ReadAheadPlan &plan) {
             calls_.push_back(std::move(c));
         }
     };
-    if (!rows_.empty()) take_calls(rows_.front());
+    auto take_number = [&](HeldRow &row) {
+        row.number_rc = in.i16();
+        row.number = in.u64();
+    };
+    if (!rows_.empty()) {
+        take_number(rows_.front());
+        take_calls(rows_.front());
+    }
     while (in.u8() != 0) {
         HeldRow row;
         row.rc = in.i16();
@@ -103,6 +110,7 @@ void ReadAhead::take_list(zb::Reader &in, const zb::ReadAheadPlan &plan) {
         if (row.rows == 1) row.status = static_cast<SQLUSMALLINT>(in.i16());
         for (size_t c = 0; c < bound_.size(); ++c)
             row.bound.push_back(row.rows == 1 ? held_value(in, base) : HeldValue{});
+        take_number(row);
         take_calls(row);
         rows_.push_back(std::move(row));
     }
@@ -129,6 +137,7 @@ void ReadAhead::take_rows(std::vector<uint8_t> bytes, zb::Reader &in, const zb::
     next_ = 0;
     on_held_ = false;
 }
+
 
 ReadAhead::Answer ReadAhead::answer(const zb::DataRequest &r, const HeldCall *&call) {
     if (!on_held_) return Answer::Live;

@@ -43,6 +43,8 @@ struct HeldRow {
     SQLULEN rows = 0;  // 0 or 1
     SQLUSMALLINT status = 0;
     std::vector<HeldValue> bound;  // one per bound column, in column order
+    SQLRETURN number_rc = SQL_ERROR;  // SQLGetStmtAttr(SQL_ATTR_ROW_NUMBER) on the row
+    SQLULEN number = 0;
     size_t first_call = 0, calls = 0;
 };
 
@@ -84,6 +86,9 @@ public:
     // Rows are held that the server has read past; the bindings they were
     // read for.
     bool holds_rows() const { return next_ < rows_.size(); }
+    // The current row when it came read ahead (the server's cursor may be
+    // elsewhere): what SQL_ATTR_ROW_NUMBER was on it.
+    const HeldRow *current() const { return on_held_ ? &rows_[next_ - 1] : nullptr; }
     const BoundKey &bound() const { return bound_; }
     // Starts the next row: the held one (REQUIRES: holds_rows()), or null
     // when the fetch goes to the server. Either way the application's

@@ -10,9 +10,10 @@
 // row it read, after the last request it made there, so whatever the
 // driver cannot answer from the rows it holds goes on from exactly there.
 //
-// Reply tail, after the fetched rowset: the replayed calls of that row,
+// Reply tail, after the fetched rowset: that row's number (the return code
+// and value of SQLGetStmtAttr(SQL_ATTR_ROW_NUMBER)) and replayed calls,
 // then for each further row a 1 byte, its fetch's return code,
-// diagnostics, rowset and replayed calls; a 0 byte ends the list.
+// diagnostics, rowset, row number and replayed calls; a 0 byte ends the list.
 // A replayed call: return code, diagnostics, indicator, value bytes.
 //
 // An execute request may end with a byte of extras. kExecuteReadsAhead: a

@@ -97,6 +97,13 @@ bool replay_call(Statement &s, const zb::DataRequest &r, zb::Writer &w) {
 
 }  // namespace
 
+void put_row_number(Statement &s, zb::Writer &w) {
+    SQLULEN number = 0;
+    const SQLRETURN rc = SQLGetStmtAttr(s.h, SQL_ATTR_ROW_NUMBER, &number, sizeof number, nullptr);
+    w.i16(rc);
+    w.u64(number);
+}
+
 // The replayed calls of the row the cursor is on; false when one stopped.
 bool replay_row(Statement &s, const zb::ReadAheadPlan &plan, zb::Writer &w) {
     w.u32(static_cast<uint32_t>(plan.requests.size()));
@@ -123,6 +130,7 @@ void read_rows(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<Co
         w.i16(rc);
         zb::put_diags(w, o.diags);
         put_rowset(w, s, req, SQL_SUCCEEDED(rc) ? std::min<SQLULEN>(s.rows_fetched, 1) : 0);
+        put_row_number(s, w);
         if (rc != SQL_SUCCESS) {
             w.u32(0);
             break;
@@ -135,6 +143,7 @@ void read_rows(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<Co
 void read_ahead(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<ColumnRequest> &req,
                 SQLRETURN first_rc, zb::Writer &w) {
     const size_t start = w.size();
+    put_row_number(s, w);
     if (first_rc != SQL_SUCCESS) w.u32(0);
     if (first_rc != SQL_SUCCESS || !replay_row(s, plan, w)) {
         w.u8(0);

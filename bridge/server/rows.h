@@ -29,6 +29,10 @@ SQLRETURN bind_columns(Statement &s, const std::vector<ColumnRequest> &req, SQLU
 // Writes the rowset a fetch left in the statement's bound buffers.
 void put_rowset(zb::Writer &w, Statement &s, const std::vector<ColumnRequest> &req, SQLULEN rows);
 
+// Writes SQLGetStmtAttr(SQL_ATTR_ROW_NUMBER): return code, number. Rows read
+// ahead carry it, since the application may ask once the cursor moved on.
+void put_row_number(Statement &s, zb::Writer &w);
+
 // Makes the plan's requests on the row the cursor is on and writes them;
 // false when one was not plain SQL_SUCCESS (the row ends there).
 bool replay_row(Statement &s, const zb::ReadAheadPlan &plan, zb::Writer &w);

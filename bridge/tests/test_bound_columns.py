@@ -12,14 +12,17 @@ SQLHANDLE, SQLLEN = ctypes.c_void_p, ctypes.c_int64
 SQL_HANDLE_ENV, SQL_HANDLE_DBC, SQL_HANDLE_STMT = 1, 2, 3
 SQL_ATTR_ODBC_VERSION, SQL_OV_ODBC3 = 200, 3
 SQL_ATTR_ROW_ARRAY_SIZE, SQL_ATTR_ROW_BIND_TYPE, SQL_ATTR_ROW_BIND_OFFSET_PTR = 27, 5, 23
-SQL_ATTR_ROWS_FETCHED_PTR, SQL_ATTR_ROW_STATUS_PTR = 26, 25
+SQL_ATTR_ROWS_FETCHED_PTR, SQL_ATTR_ROW_STATUS_PTR, SQL_ATTR_ROW_NUMBER = 26, 25, 14
 SQL_C_SLONG, SQL_C_CHAR, SQL_FETCH_NEXT, SQL_NTS, SQL_NO_DATA = -16, 1, 1, -3, 100
-for name in ("SQLSetStmtAttr", "SQLBindCol", "SQLExecDirect", "SQLFetchScroll", "SQLSetEnvAttr",
+for name in ("SQLSetStmtAttr", "SQLBindCol", "SQLFetch", "SQLGetData", "SQLGetStmtAttr", "SQLExecDirect", "SQLFetchScroll", "SQLSetEnvAttr",
              "SQLDriverConnect", "SQLAllocHandle", "SQLFreeHandle", "SQLDisconnect"):
     getattr(odbc, name).restype = ctypes.c_short
 odbc.SQLSetStmtAttr.argtypes = [SQLHANDLE, ctypes.c_int, ctypes.c_void_p, ctypes.c_int]
 odbc.SQLBindCol.argtypes = [SQLHANDLE, ctypes.c_ushort, ctypes.c_short, ctypes.c_void_p, SQLLEN, ctypes.c_void_p]
 odbc.SQLFetchScroll.argtypes = [SQLHANDLE, ctypes.c_short, SQLLEN]
+odbc.SQLFetch.argtypes = [SQLHANDLE]
+odbc.SQLGetData.argtypes = [SQLHANDLE, ctypes.c_ushort, ctypes.c_short, ctypes.c_void_p, SQLLEN, ctypes.c_void_p]
+odbc.SQLGetStmtAttr.argtypes = [SQLHANDLE, ctypes.c_int, ctypes.c_void_p, ctypes.c_int, ctypes.c_void_p]
 odbc.SQLExecDirect.argtypes = [SQLHANDLE, ctypes.c_char_p, ctypes.c_int]
 odbc.SQLSetEnvAttr.argtypes = [SQLHANDLE, ctypes.c_int, ctypes.c_void_p, ctypes.c_int]
 odbc.SQLAllocHandle.argtypes = [ctypes.c_short, SQLHANDLE, ctypes.POINTER(SQLHANDLE)]
@@ -40,18 +43,27 @@ def ok(rc):
     return rc
 
 
-def fetch_all(connection_string, row_wise, rowset=ROWS, runs=1):
+def connect(connection_string):
     env, dbc = SQLHANDLE(), SQLHANDLE()
     ok(odbc.SQLAllocHandle(SQL_HANDLE_ENV, None, ctypes.byref(env)))
     ok(odbc.SQLSetEnvAttr(env, SQL_ATTR_ODBC_VERSION, SQL_OV_ODBC3, 0))
     ok(odbc.SQLAllocHandle(SQL_HANDLE_DBC, env, ctypes.byref(dbc)))
     ok(odbc.SQLDriverConnect(dbc, None, connection_string.encode(), SQL_NTS, None, 0, None, 0))
-    out = []
-    for _ in range(runs):  # a statement handle per run, binding after each execute
-        out += fetch_one_result(dbc, row_wise, rowset)
+    return env, dbc
+
+
+def disconnect(env, dbc):
     odbc.SQLDisconnect(dbc)
     odbc.SQLFreeHandle(SQL_HANDLE_DBC, dbc)
     odbc.SQLFreeHandle(SQL_HANDLE_ENV, env)
+
+
+def fetch_all(connection_string, row_wise, rowset=ROWS, runs=1):
+    env, dbc = connect(connection_string)
+    out = []
+    for _ in range(runs):  # a statement handle per run, binding after each execute
+        out += fetch_one_result(dbc, row_wise, rowset)
+    disconnect(env, dbc)
     return out
 
 
@@ -112,3 +124,27 @@ def test_one_row_fetches_into_bound_columns_read_ahead(setup, row_wise):
     bridged = fetch_all(setup.bridge_string(), row_wise, rowset=1, runs=2)
     assert bridged == direct
     assert len(direct) == 14
+
+
+def read_with_row_numbers(connection_string):
+    """Row by row with SQLGetData, asking SQL_ATTR_ROW_NUMBER at each row."""
+    env, dbc = connect(connection_string)
+    stmt = SQLHANDLE()
+    ok(odbc.SQLAllocHandle(SQL_HANDLE_STMT, dbc, ctypes.byref(stmt)))
+    ok(odbc.SQLExecDirect(stmt, b"with recursive s(n) as (select 1 union all select n + 1 from s where n < 7) "
+                                b"select n from s", SQL_NTS))
+    out = []
+    value, ind, number = ctypes.c_int32(), SQLLEN(), ctypes.c_uint64()
+    while odbc.SQLFetch(stmt) != SQL_NO_DATA:
+        ok(odbc.SQLGetData(stmt, 1, SQL_C_SLONG, ctypes.byref(value), 4, ctypes.byref(ind)))
+        ok(odbc.SQLGetStmtAttr(stmt, SQL_ATTR_ROW_NUMBER, ctypes.byref(number), 8, None))
+        out.append((value.value, number.value))
+    odbc.SQLFreeHandle(SQL_HANDLE_STMT, stmt)
+    disconnect(env, dbc)
+    return out
+
+
+def test_row_number_is_the_targets_for_the_applications_row(setup):
+    direct = read_with_row_numbers("DSN=direct")
+    assert read_with_row_numbers(setup.bridge_string()) == direct
+    assert [v for v, _ in direct] == list(range(1, 8))
