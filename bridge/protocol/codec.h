@@ -32,11 +32,7 @@ public:
     void u64(uint64_t v) { put(v, 8); }
     void bytes(std::span<const uint8_t> b) {
         u32(static_cast<uint32_t>(b.size()));
-        if (!b.empty()) {
-            const size_t at = bytes_.size();
-            bytes_.resize(at + b.size());
-            std::memcpy(bytes_.data() + at, b.data(), b.size());
-        }
+        bytes_.insert(bytes_.end(), b.begin(), b.end());
     }
     void bytes(const void *p, size_t n) { bytes({static_cast<const uint8_t *>(p), n}); }
     void str(std::string_view s) { bytes(s.data(), s.size()); }
@@ -51,9 +47,7 @@ private:
     void put(uint64_t v, int width) {
         uint8_t le[8];
         for (int i = 0; i < width; ++i) le[i] = static_cast<uint8_t>(v >> (8 * i));
-        const size_t at = bytes_.size();
-        bytes_.resize(at + static_cast<size_t>(width));
-        std::memcpy(bytes_.data() + at, le, static_cast<size_t>(width));
+        bytes_.insert(bytes_.end(), le, le + width);
     }
     std::vector<uint8_t> bytes_;
 };
