@@ -90,6 +90,9 @@ SQLRETURN disconnect(Dbc &dbc) {
     SQLRETURN rc = SQL_SUCCESS;
     if (!dbc.broken) {
         zb::Writer w;
+        w.u32(static_cast<uint32_t>(dbc.spare_statements.size()));
+        for (const auto &spare : dbc.spare_statements) w.u64(spare.first);
+        dbc.spare_statements.clear();  // freed on the server whatever the disconnect says
         Reply r = call(dbc, zb::Op::Disconnect, dbc.remote, w);
         rc = adopt(dbc, r);
         if (rc == SQL_ERROR && !dbc.broken) return rc;  // e.g. 25000: a transaction is open

@@ -2,6 +2,7 @@
 // application's parameters (read from its buffers at execute time), data at
 // execution, catalog functions.
 #include <cstring>
+#include <tuple>
 
 #include "driver/api.h"
 #include "driver/params.h"
@@ -108,7 +109,7 @@ SQLRETURN alloc_stmt(Dbc &dbc, SQLHANDLE *out) {
     if (!dbc.connected()) return add_diag(dbc, "08003", "Connection not open");
     if (!dbc.spare_statements.empty()) {
         auto *s = new Stmt(&dbc);
-        s->remote = dbc.spare_statements.back();
+        std::tie(s->remote, s->close_pending) = dbc.spare_statements.back();
         dbc.spare_statements.pop_back();
         dbc.statements.insert(s);
         *out = s;
@@ -136,9 +137,9 @@ SQLRETURN free_stmt(Stmt &s, SQLUSMALLINT option) {
     case SQL_DROP: {
         Dbc &dbc = *s.dbc;
         constexpr size_t kSparesKept = 4;
-        const bool clean = !s.cursor_open && !s.close_pending && !s.dae.active && !s.server_attributes_set;
-        if (clean && dbc.connected() && !dbc.broken && dbc.spare_statements.size() < kSparesKept) {
-            dbc.spare_statements.push_back(s.remote);
+        const bool reusable = !s.dae.active && !s.server_attributes_set;
+        if (reusable && dbc.connected() && !dbc.broken && dbc.spare_statements.size() < kSparesKept) {
+            dbc.spare_statements.emplace_back(s.remote, s.cursor_open || s.close_pending);
         } else if (dbc.connected() && !dbc.broken) {
             zb::Writer w;
             w.i16(SQL_DROP);

@@ -70,10 +70,11 @@ struct Dbc : Handle {
     std::vector<ConnectAttr> pending;  // set before connecting
     std::map<int, std::pair<SQLRETURN, std::vector<uint8_t>>> info;  // SQLGetInfo answers
     std::set<Stmt *> statements;
-    // Server statements an application freed in a state a new one starts
-    // in (no open cursor, no attribute set on the server): the next
-    // allocation takes one instead of a round trip each way.
-    std::vector<uint64_t> spare_statements;
+    // Server statements the application freed with no attribute set on the
+    // server: the next allocation takes one instead of a round trip each
+    // way. A cursor still open on one (true) is closed by the first call
+    // that uses it again, as any deferred close is.
+    std::vector<std::pair<uint64_t, bool>> spare_statements;
     std::string out_connection;  // the completed connection string
     FirstReads first_reads;      // how results of each shape were read
     // What the last result each statement text opened looked like, and

@@ -121,8 +121,14 @@ void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out)
     w.u64(reinterpret_cast<uintptr_t>(c->connected ? c : nullptr));
 }
 
-void op_disconnect(Session &s, void *obj, zb::Reader &, zb::Writer &, Outcome &out) {
+void op_disconnect(Session &s, void *obj, zb::Reader &in, zb::Writer &, Outcome &out) {
     auto *c = static_cast<Connection *>(obj);
+    // Statements the application freed that the driver kept for reuse go
+    // first, as they would have before a direct disconnect.
+    for (uint32_t n = in.done() ? 0 : in.u32(); n > 0; --n) {
+        Statement *spare = s.find_statement(reinterpret_cast<void *>(static_cast<uintptr_t>(in.u64())));
+        if (spare != nullptr && SQL_SUCCEEDED(SQLFreeHandle(SQL_HANDLE_STMT, spare->h))) s.drop_statement(spare);
+    }
     SQLRETURN rc = SQLDisconnect(c->h);
     collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
     if (SQL_SUCCEEDED(rc)) {

@@ -25,6 +25,7 @@ out = {}
 mark(); cur.execute("select 1").fetchone(); out["select 1, first"] = calls()
 mark(); cur.execute("select 1").fetchone(); out["select 1, reused cursor"] = calls()
 mark(); conn.cursor().execute("select 1").fetchone(); out["select 1, fresh cursor"] = calls()
+mark(); conn.cursor().execute("select 1").fetchone(); out["select 1, another fresh cursor"] = calls()
 mark(); cur.execute("select  1").fetchone(); out["same shape, other text"] = calls()
 mark(); cur.execute("select a, b, c from rt").fetchall(); out["3 rows"] = calls()
 mark(); cur.execute("select a, b, c from rt").fetchall(); out["3 rows again"] = calls()
@@ -50,7 +51,10 @@ def test_calls_the_driver_answers_itself_make_no_round_trip(setup):
     # before (from another text) gets them with the first fetch.
     assert calls["select 1, first"] == ["zb_execute", "zb_fetch", "zb_get_data"]
     assert calls["select 1, reused cursor"] == ["zb_execute"]
-    assert calls["select 1, fresh cursor"] == ["zb_alloc_stmt", "zb_execute", "zb_free_stmt"]
+    # A freed statement goes back to the connection's spares, unclosed: the
+    # next cursor takes it, and its execute carries the close.
+    assert calls["select 1, fresh cursor"] == ["zb_alloc_stmt", "zb_execute"]
+    assert calls["select 1, another fresh cursor"] == ["zb_execute"]
     assert calls["same shape, other text"] == ["zb_execute", "zb_fetch"]
     assert calls["description"] == ["zb_execute"]
     assert calls["3 rows"] == ["zb_execute", "zb_fetch"] + ["zb_get_data"] * 3 + ["zb_fetch"]
