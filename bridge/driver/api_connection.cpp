@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "driver/api.h"
 #include "driver/connstr.h"
@@ -16,6 +17,14 @@ namespace {
 constexpr const char *kDriverName = "libzephodbc.so";
 constexpr const char *kDriverVersion = "01.00.0000";
 constexpr const char *kDriverOdbcVersion = "03.51";
+
+// Information types applications ask right after connecting (pyodbc, the
+// driver manager): their answers come with the connect.
+constexpr SQLUSMALLINT kInfoAtConnect[] = {
+    SQL_DRIVER_ODBC_VER, SQL_DESCRIBE_PARAMETER, SQL_NEED_LONG_DATA_LEN, SQL_CURSOR_COMMIT_BEHAVIOR,
+    SQL_CURSOR_ROLLBACK_BEHAVIOR, SQL_DBMS_NAME, SQL_DBMS_VER, SQL_TXN_CAPABLE, SQL_GETDATA_EXTENSIONS,
+    SQL_IDENTIFIER_QUOTE_CHAR,
+};
 
 SQLRETURN open_remote(Dbc &dbc, const Settings &s) {
     if (dbc.rpc != nullptr) return add_diag(dbc, "08002", "Connection name in use");
@@ -39,9 +48,19 @@ SQLRETURN open_remote(Dbc &dbc, const Settings &s) {
         w.str(v);
     }
     w.u8(dbc.wide);
+    w.u32(static_cast<uint32_t>(std::size(kInfoAtConnect)));
+    for (SQLUSMALLINT type : kInfoAtConnect) w.i32(type);
     Reply r = call(dbc, zb::Op::Connect, 0, w);
     SQLRETURN rc = adopt(dbc, r);
     if (SQL_SUCCEEDED(rc)) dbc.remote = r.in.u64();
+    if (SQL_SUCCEEDED(rc) && dbc.remote != 0 && !r.in.done()) {
+        for (uint32_t n = r.in.u32(); n > 0; --n) {
+            const auto type = static_cast<SQLUSMALLINT>(r.in.i32());
+            const SQLRETURN info_rc = r.in.i16();
+            auto value = r.in.bytes();
+            if (info_rc == SQL_SUCCESS) dbc.info[type] = {info_rc, {value.begin(), value.end()}};
+        }
+    }
     if (!SQL_SUCCEEDED(rc) || dbc.remote == 0) {
         close_transport(dbc);
         dbc.broken = false;

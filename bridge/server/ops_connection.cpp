@@ -46,6 +46,9 @@ void set_attr(SQLHDBC dbc, SQLINTEGER attr, bool text, int64_t value, const std:
 
 }  // namespace
 
+// SQLGetInfo's answer, as the value bytes of its kind.
+static SQLRETURN put_info(Connection *c, int32_t type, zb::Writer &w, Outcome &out);
+
 void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out) {
     const int32_t odbc_version = in.i32();
     struct Attr {
@@ -73,6 +76,9 @@ void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out)
         connect += key + "=" + braced(value) + ";";
     }
     use_wide_calls(in.u8() != 0 && driver_has_wide_calls(dsn));
+    // Information types the driver answers from now on without asking.
+    std::vector<int32_t> infos(in.done() ? 0 : in.u32());
+    for (auto &t : infos) t = in.i32();
     if (!s.config().busy.empty()) {
         out.rc = SQL_ERROR;
         out.diags.push_back(bridge_diag("08004", s.config().busy));
@@ -119,6 +125,16 @@ void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out)
     collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
     c->connected = SQL_SUCCEEDED(rc);
     w.u64(reinterpret_cast<uintptr_t>(c->connected ? c : nullptr));
+    if (!c->connected) return;
+    w.u32(static_cast<uint32_t>(infos.size()));
+    for (int32_t type : infos) {
+        Outcome ignored;
+        zb::Writer value;
+        const SQLRETURN info_rc = put_info(c, type, value, ignored);
+        w.i32(type);
+        w.i16(info_rc);
+        w.data().insert(w.data().end(), value.data().begin(), value.data().end());
+    }
 }
 
 void op_disconnect(Session &s, void *obj, zb::Reader &in, zb::Writer &, Outcome &out) {
@@ -169,9 +185,7 @@ void op_get_connect_attr(Session &, void *obj, zb::Reader &in, zb::Writer &w, Ou
     }
 }
 
-void op_get_info(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
-    auto *c = static_cast<Connection *>(obj);
-    int32_t type = in.i32();
+static SQLRETURN put_info(Connection *c, int32_t type, zb::Writer &w, Outcome &out) {
     std::vector<char> buf(8192, 0);
     SQLSMALLINT len = 0;
     const bool wide = wide_calls() && zb::info_kind(type) == zb::ValueKind::Text;
@@ -200,6 +214,11 @@ void op_get_info(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &o
         w.bytes(buf.data(), 8);
         break;
     }
+    return rc;
+}
+
+void op_get_info(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+    put_info(static_cast<Connection *>(obj), in.i32(), w, out);
 }
 
 void op_end_tran(Session &, void *obj, zb::Reader &in, zb::Writer &, Outcome &out) {

@@ -32,6 +32,7 @@ mark(); cur.execute("select a, b, c from rt").fetchall(); out["3 rows again"] = 
 mark(); d = cur.execute("select a, b, c from rt").description; out["description"] = calls()
 cur.execute("drop table rt")
 conn.commit()
+mark(); pyodbc.connect(sys.argv[1]).close(); out["connect + close"] = calls()
 print(json.dumps(out))
 """
 
@@ -59,6 +60,9 @@ def test_calls_the_driver_answers_itself_make_no_round_trip(setup):
     assert calls["description"] == ["zb_execute"]
     assert calls["3 rows"] == ["zb_execute", "zb_fetch"] + ["zb_get_data"] * 3 + ["zb_fetch"]
     assert calls["3 rows again"] == ["zb_execute"]
+    # The connect brings the information pyodbc asks next; what is left is
+    # its autocommit setting and the rollback before closing.
+    assert calls["connect + close"] == ["zb_connect", "zb_set_connect_attr", "zb_end_tran", "zb_disconnect"]
 
 
 def test_isql_repeating_a_query_makes_three_round_trips(setup):
