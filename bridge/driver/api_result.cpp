@@ -213,6 +213,17 @@ SQLRETURN fetch(Stmt &s, bool scroll, SQLSMALLINT orientation, SQLLEN offset) {
     Reply r = call(s, zb::Op::Fetch, w);
     SQLRETURN rc = adopt(s, r);
     SQLULEN rows = 0;
+    if (rc != SQL_INVALID_HANDLE && !r.in.done() && r.in.u8() != 0) {
+        // Rows the server read on after the last reply, read as the request
+        // it answered asked.
+        const auto by = s.ahead.read_on_by();
+        if (!by) throw zb::DecodeError("rows read on that no request asked for");
+        s.ahead.take_rows(std::move(r.bytes), r.in, by->first, by->second);
+        s.ahead.reading_on(r.in.u8() != 0, plan, bound_key(s));
+        const HeldRow *first = s.ahead.first_row();
+        if (first == nullptr || !one_row || by->second != bound_key(s)) return lost(s);
+        return hand_out(s, *first);
+    }
     if (rc != SQL_INVALID_HANDLE && !r.in.done()) {
         rows = r.in.u64();
         for (SQLULEN i = 0; i < rows; ++i) {
@@ -225,7 +236,10 @@ SQLRETURN fetch(Stmt &s, bool scroll, SQLSMALLINT orientation, SQLLEN offset) {
                 auto bytes = r.in.bytes();
                 if (i < rowset) put_value(s, b, i, ind, bytes);
             }
-        if (one_row && !r.in.done()) s.ahead.take(std::move(r.bytes), r.in, bound_key(s), plan);
+        if (one_row && !r.in.done()) {
+            s.ahead.take(std::move(r.bytes), r.in, bound_key(s), plan);
+            s.ahead.reading_on(r.in.u8() != 0, plan, bound_key(s));
+        }
     }
     set_row_counts(s, rows, rowset);
     return rc;

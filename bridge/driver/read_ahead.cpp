@@ -26,6 +26,7 @@ void ReadAhead::new_result(const ShapeKey &next_shape) {
     bytes_.clear();
     next_ = 0;
     on_held_ = false;
+    read_on_by_.reset();
 }
 
 void ReadAhead::end_row() {
@@ -128,14 +129,29 @@ void ReadAhead::take(std::vector<uint8_t> bytes, zb::Reader &in, const BoundKey 
     served_ = 0;
 }
 
-void ReadAhead::take_rows(std::vector<uint8_t> bytes, zb::Reader &in, const zb::ReadAheadPlan &plan) {
+void ReadAhead::take_rows(std::vector<uint8_t> bytes, zb::Reader &in, const zb::ReadAheadPlan &plan,
+                          const BoundKey &bound) {
     bytes_ = std::move(bytes);
     rows_.clear();
     calls_.clear();
-    bound_.clear();
+    bound_ = bound;
     take_list(in, plan);
     next_ = 0;
     on_held_ = false;
+}
+
+const HeldRow *ReadAhead::first_row() {
+    if (rows_.empty()) return nullptr;
+    row_current_ = true;
+    served_ = 0;
+    on_held_ = true;
+    next_ = 1;
+    return &rows_.front();
+}
+
+void ReadAhead::reading_on(bool on, const zb::ReadAheadPlan &plan, const BoundKey &bound) {
+    if (on) read_on_by_.emplace(plan, bound);
+    else read_on_by_.reset();
 }
 
 
@@ -149,7 +165,7 @@ ReadAhead::Answer ReadAhead::answer(const zb::DataRequest &r, const HeldCall *&c
         call = &held;
         return Answer::Held;
     }
-    return next_ == rows_.size() ? Answer::Live : Answer::Lost;
+    return next_ == rows_.size() && !read_on_by_ ? Answer::Live : Answer::Lost;
 }
 
 void ReadAhead::record(const zb::DataRequest &r, SQLRETURN rc) { made_.emplace_back(r, rc); }

@@ -75,8 +75,19 @@ public:
     zb::ReadAheadPlan plan(bool bound) const;
     // The plan for an execute expected to open a result of `shape`, if any.
     std::optional<zb::ReadAheadPlan> execute_plan(const ShapeKey &shape) const;
-    // Takes the row list an execute sent with `plan` returned.
-    void take_rows(std::vector<uint8_t> bytes, zb::Reader &in, const zb::ReadAheadPlan &plan);
+    // Takes a row list from the first row: what an execute sent with `plan`
+    // returned, or rows the server read on for the columns `bound`.
+    void take_rows(std::vector<uint8_t> bytes, zb::Reader &in, const zb::ReadAheadPlan &plan,
+                   const BoundKey &bound = {});
+    // The first row of a list just taken, made current.
+    const HeldRow *first_row();
+
+    // What the last fetch reply said: the server reads on past the rows
+    // held, with the plan and bindings of the request it answered (the list
+    // comes as the answer to the next fetch). Until that list is taken, the
+    // server's cursor is not where the held rows end.
+    void reading_on(bool on, const zb::ReadAheadPlan &plan, const BoundKey &bound);
+    const std::optional<std::pair<zb::ReadAheadPlan, BoundKey>> &read_on_by() const { return read_on_by_; }
     // Takes what a live fetch sent with `plan` returned after its rowset:
     // the first row's replayed calls, then the further rows, filled for the
     // columns `bound` names.
@@ -115,6 +126,7 @@ private:
     size_t next_ = 0;                 // next held row to hand out
     bool on_held_ = false;            // the current row is rows_[next_ - 1]
     bool row_current_ = false;        // a fetch has made a row current
+    std::optional<std::pair<zb::ReadAheadPlan, BoundKey>> read_on_by_;  // see reading_on()
     BoundKey bound_;
     size_t served_ = 0;               // held calls of the current row answered
     std::vector<std::pair<zb::DataRequest, SQLRETURN>> made_;  // on the current row

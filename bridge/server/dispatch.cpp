@@ -66,6 +66,12 @@ SQLRETURN run(zb::Op op, void *handle, const RPCMemDesc &request, zb::Writer &re
             zb::put_diags(reply, {});
             return SQL_INVALID_HANDLE;
         }
+        // Rows a statement reads on are finished first; they are dropped
+        // only with the result they belong to.
+        g_session->settle();
+        if (op == zb::Op::Execute || op == zb::Op::Prepare || op == zb::Op::Catalog ||
+            op == zb::Op::MoreResults || op == zb::Op::FreeStmt)
+            g_session->drop_read_on(static_cast<Statement *>(object));
         zb::Reader in(request.value, request.value != nullptr && request.length > 0
                                          ? static_cast<size_t>(request.length)
                                          : 0);

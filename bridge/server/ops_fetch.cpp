@@ -35,7 +35,7 @@ SQLRETURN col_attribute(SQLHSTMT h, SQLUSMALLINT column, SQLUSMALLINT field, std
 
 }  // namespace
 
-void op_fetch(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
+void op_fetch(Session &session, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
     Statement &s = stmt(obj);
     const bool scroll = in.u8() != 0;
     const int16_t orientation = in.i16();
@@ -49,6 +49,28 @@ void op_fetch(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out)
     }
     const bool has_plan = !in.done();
     const zb::ReadAheadPlan plan = has_plan ? zb::get_plan(in) : zb::ReadAheadPlan{};
+    const bool one_row = has_plan && !scroll && rowset == 1;
+    // Rows read on since the last answer answer this fetch, read as the
+    // request before this one asked: a row list from the first row.
+    if (session.read_on.stmt == &s) {
+        session.settle();
+        const bool failed = session.read_on.failed;
+        const bool clean = session.read_on.clean;
+        zb::Writer rows = std::move(session.read_on.rows);
+        session.drop_read_on(&s);
+        if (failed) {
+            out.rc = SQL_ERROR;
+            out.diags.push_back(bridge_diag("HY000", "rows read ahead were lost"));
+            return;
+        }
+        w.u8(1);
+        w.data().insert(w.data().end(), rows.data().begin(), rows.data().end());
+        const bool on = clean && one_row && plan.max_rows > 1 && SQL_SUCCEEDED(bind_columns(s, req, 1));
+        w.u8(on);
+        if (on) read_on(session, s, plan, req);
+        return;
+    }
+    w.u8(0);
     SQLRETURN rc = bind_columns(s, req, rowset);
     if (SQL_SUCCEEDED(rc)) {
         s.rows_fetched = 0;
@@ -56,7 +78,10 @@ void op_fetch(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out)
     }
     collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
     put_rowset(w, s, req, SQL_SUCCEEDED(rc) ? std::min(s.rows_fetched, rowset) : 0);
-    if (has_plan && !scroll && rowset == 1) read_ahead(s, plan, req, rc, w);
+    if (!one_row) return;
+    const bool on = read_ahead(s, plan, req, rc, w) && plan.max_rows > 1;
+    w.u8(on);
+    if (on) read_on(session, s, plan, req);
 }
 
 void op_get_data(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <system_error>
 
 #include "protocol/odbc_kinds.h"
 
@@ -118,10 +119,11 @@ bool replay_row(Statement &s, const zb::ReadAheadPlan &plan, zb::Writer &w) {
     return clean;
 }
 
-void read_rows(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<ColumnRequest> &req,
+bool read_rows(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<ColumnRequest> &req,
                size_t start, uint32_t rows, zb::Writer &w) {
     const uint32_t max_rows = std::min(plan.max_rows, zb::kReadAheadRows);
-    for (; rows < max_rows && (rows == 0 || w.size() - start < plan.byte_budget); ++rows) {
+    bool clean = true;
+    for (; clean && rows < max_rows && (rows == 0 || w.size() - start < plan.byte_budget); ++rows) {
         s.rows_fetched = 0;
         const SQLRETURN rc = SQLFetch(s.h);
         Outcome o;
@@ -133,22 +135,42 @@ void read_rows(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<Co
         put_row_number(s, w);
         if (rc != SQL_SUCCESS) {
             w.u32(0);
-            break;
+            clean = false;
+        } else {
+            clean = replay_row(s, plan, w);
         }
-        if (!replay_row(s, plan, w)) break;
     }
     w.u8(0);
+    return clean;
 }
 
-void read_ahead(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<ColumnRequest> &req,
+bool read_ahead(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<ColumnRequest> &req,
                 SQLRETURN first_rc, zb::Writer &w) {
     const size_t start = w.size();
     put_row_number(s, w);
     if (first_rc != SQL_SUCCESS) w.u32(0);
     if (first_rc != SQL_SUCCESS || !replay_row(s, plan, w)) {
         w.u8(0);
-        return;
+        return false;
     }
-    read_rows(s, plan, req, start, 1, w);
+    return read_rows(s, plan, req, start, 1, w);
 }
+
+void read_on(Session &session, Statement &s, zb::ReadAheadPlan plan, std::vector<ColumnRequest> req) {
+    session.settle();
+    ReadOn &on = session.read_on;
+    if (on.stmt != nullptr) return;  // another statement's rows wait for its next fetch
+    try {
+        on.worker = std::thread([&s, &on, plan = std::move(plan), req = std::move(req)] {
+            try {
+                on.clean = read_rows(s, plan, req, 0, 0, on.rows);
+            } catch (...) {  // rows were read but cannot be handed on
+                on.failed = true;
+            }
+        });
+        on.stmt = &s;
+    } catch (const std::system_error &) {  // no thread: the next fetch reads as usual
+    }
+}
+
 }  // namespace zbs

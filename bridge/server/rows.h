@@ -39,13 +39,19 @@ bool replay_row(Statement &s, const zb::ReadAheadPlan &plan, zb::Writer &w);
 
 // Fetches and replays further rows as the plan says, writing the row list
 // (each row: 1, return code, diagnostics, rowset, replayed calls; then 0).
-// `rows` were already written since w held `start` bytes.
-void read_rows(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<ColumnRequest> &req,
+// `rows` were already written since w held `start` bytes. True when it
+// stopped at the row or byte limit, with every outcome plain SQL_SUCCESS.
+bool read_rows(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<ColumnRequest> &req,
                size_t start, uint32_t rows, zb::Writer &w);
 
 // The tail of a fetch that returned first_rc for a one-row rowset: the
-// fetched row's replayed calls, then the row list.
-void read_ahead(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<ColumnRequest> &req,
+// fetched row's replayed calls, then the row list. True as read_rows.
+bool read_ahead(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<ColumnRequest> &req,
                 SQLRETURN first_rc, zb::Writer &w);
+
+// Starts reading the next row list for s on a thread of its own
+// (Session::read_on), unless another statement's rows wait already.
+// REQUIRES: nothing else uses the target until Session::settle() returns.
+void read_on(Session &session, Statement &s, zb::ReadAheadPlan plan, std::vector<ColumnRequest> req);
 
 }  // namespace zbs

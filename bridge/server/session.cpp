@@ -27,7 +27,10 @@ Statement *Session::add_statement(SQLHSTMT h) {
     return raw;
 }
 
-void Session::drop_statement(Statement *s) { statements_.erase(s); }
+void Session::drop_statement(Statement *s) {
+    drop_read_on(s);
+    statements_.erase(s);
+}
 
 Connection *Session::find_connection(void *p) const {
     return p != nullptr && p == connection_.get() ? connection_.get() : nullptr;
@@ -38,7 +41,22 @@ Statement *Session::find_statement(void *p) const {
     return it == statements_.end() ? nullptr : it->second.get();
 }
 
+void Session::settle() {
+    if (read_on.worker.joinable()) read_on.worker.join();
+}
+
+void Session::drop_read_on(const Statement *s) {
+    settle();
+    if (s == nullptr || read_on.stmt == s) {
+        read_on.stmt = nullptr;
+        read_on.rows = zb::Writer();
+        read_on.clean = false;
+        read_on.failed = false;
+    }
+}
+
 void Session::close_all() {
+    drop_read_on(nullptr);
     for (auto &[key, s] : statements_) SQLFreeHandle(SQL_HANDLE_STMT, s->h);
     statements_.clear();
     if (connection_) {

@@ -11,6 +11,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -55,6 +56,17 @@ struct Outcome {
     std::vector<zb::DiagRecord> diags;
 };
 
+// Rows one statement goes on reading on a thread of its own once a fetch
+// reply is on its way (server/rows.h): the client's next fetch is answered
+// with them. Every operation waits for the reading to end first.
+struct ReadOn {
+    Statement *stmt = nullptr;  // none: nothing read on
+    std::thread worker;
+    zb::Writer rows;  // a row list, as protocol/read_ahead.h describes
+    bool clean = false;   // it stopped at a limit, not at an outcome
+    bool failed = false;
+};
+
 class Session {
 public:
     explicit Session(const Config &config) : config_(config) {}
@@ -76,6 +88,12 @@ public:
 
     // Rolls back and releases everything the client left open.
     void close_all();
+
+    ReadOn read_on;
+    // Waits for the rows being read on (the target is used by one thread at a time).
+    void settle();
+    // Forgets what was read on for s (for any statement when s is null).
+    void drop_read_on(const Statement *s);
 
 private:
     Config config_;

@@ -385,3 +385,25 @@ def test_reading_a_column_another_way_mid_result(target):
     assert direct[1][0] == "ok"
     assert bridged[1][:2] == ("Error", "HY000"), bridged[1]
     assert "[zephodbc]rows were read ahead as the row before was read" in bridged[1][2]
+
+
+def test_two_cursors_read_alternately(target):
+    """Two results read row by row in turn, past several blocks each: rows
+    one statement read ahead wait for it while the other one fetches."""
+    def scenario(conn):
+        cur = conn.cursor()
+        cur.execute("create temporary table a(x integer, t varchar(40))")
+        cur.executemany("insert into a values (?, ?)", [(i, f"a{i}" * 3) for i in range(1, 4001)])
+        first, second = conn.cursor(), conn.cursor()
+        first.execute("select x, t from a order by x")
+        second.execute("select t, x from a order by x desc")
+        got = []
+        while True:
+            one, two = first.fetchone(), second.fetchone()
+            if one is None and two is None:
+                return got
+            got.append((tuple(one) if one else None, tuple(two) if two else None))
+
+    direct, bridged = target.both(scenario)
+    assert bridged == direct
+    assert len(direct) == 4000
