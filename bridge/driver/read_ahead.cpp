@@ -154,7 +154,6 @@ void ReadAhead::reading_on(bool on, const zb::ReadAheadPlan &plan, const BoundKe
     else read_on_by_.reset();
 }
 
-
 ReadAhead::Answer ReadAhead::answer(const zb::DataRequest &r, const HeldCall *&call) {
     if (!on_held_) return Answer::Live;
     const HeldRow &row = rows_[next_ - 1];

@@ -10,11 +10,21 @@
 // row it read, after the last request it made there, so whatever the
 // driver cannot answer from the rows it holds goes on from exactly there.
 //
-// Reply tail, after the fetched rowset: that row's number (the return code
-// and value of SQLGetStmtAttr(SQL_ATTR_ROW_NUMBER)) and replayed calls,
-// then for each further row a 1 byte, its fetch's return code,
-// diagnostics, rowset, row number and replayed calls; a 0 byte ends the list.
+// A fetch reply starts with a byte. 0: the fetched rowset follows and, when
+// the request had a plan, a tail: that row's number (the return code and
+// value of SQLGetStmtAttr(SQL_ATTR_ROW_NUMBER)) and replayed calls, then
+// the row list of further rows (each a 1 byte, its fetch's return code,
+// diagnostics, rowset, row number and replayed calls; a 0 byte ends it),
+// then 1 when the server goes on reading (below), else 0.
+// 1: rows the server read on since its last reply follow instead, as a row
+// list from the first row, read with the plan and bound columns of the
+// request that reply answered; then the going-on byte again.
 // A replayed call: return code, diagnostics, indicator, value bytes.
+//
+// Going on: after a reply whose rows stopped at a limit (not at an outcome),
+// the server reads the next row list on a thread of its own while the
+// reply travels, and answers the statement's next fetch with it. Its cursor
+// is then past the rows the driver holds.
 //
 // An execute request may end with a byte of extras. kExecuteReadsAhead: a
 // plan and the result columns the driver expects follow; when the result
