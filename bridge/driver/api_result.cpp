@@ -163,13 +163,11 @@ void set_row_counts(Stmt &s, SQLULEN rows, SQLULEN rowset) {
     if (s.rows_fetched != nullptr) *s.rows_fetched = rows;
 }
 
+// A bound column's value for row i of the rowset.
 void put_value(Stmt &s, const ColumnBinding &b, SQLULEN i, SQLLEN ind, std::span<const uint8_t> bytes) {
     const SQLLEN elem = element_size(b.c_type, b.length);
-    char *data = bound_address(b.data, s.row_bind_offset, s.row_bind_type, elem, i);
-    SQLLEN *ip = bound_indicator(b.indicator, s.row_bind_offset, s.row_bind_type, i);
-    if (data != nullptr && !bytes.empty())
-        std::memcpy(data, bytes.data(), std::min<size_t>(bytes.size(), static_cast<size_t>(std::max<SQLLEN>(elem, 0))));
-    if (ip != nullptr) *ip = ind;
+    put_data(bound_address(b.data, s.row_bind_offset, s.row_bind_type, elem, i), b.c_type, b.length,
+             bound_indicator(b.indicator, s.row_bind_offset, s.row_bind_type, i), ind, bytes);
 }
 
 SQLRETURN hand_out(Stmt &s, const HeldRow &row) {
@@ -191,8 +189,9 @@ SQLRETURN hand_out(Stmt &s, const HeldRow &row) {
 SQLRETURN fetch(Stmt &s, bool scroll, SQLSMALLINT orientation, SQLLEN offset) {
     if (!s.has_shape || s.shape.column_count == 0) return add_diag(s, "24000", "Invalid cursor state");
     const bool one_row = s.row_array_size == 1 && (!scroll || orientation == SQL_FETCH_NEXT);
+    const BoundKey bound = bound_key(s);
     if (s.ahead.holds_rows()) {
-        if (!one_row || s.ahead.bound() != bound_key(s)) return lost(s);
+        if (!one_row || s.ahead.bound() != bound) return lost(s);
         return hand_out(s, *s.ahead.next_row(s.columns.empty()));
     }
     s.ahead.next_row(one_row && s.columns.empty());
@@ -219,9 +218,9 @@ SQLRETURN fetch(Stmt &s, bool scroll, SQLSMALLINT orientation, SQLLEN offset) {
         const auto by = s.ahead.read_on_by();
         if (!by) throw zb::DecodeError("rows read on that no request asked for");
         s.ahead.take_rows(std::move(r.bytes), r.in, by->first, by->second);
-        s.ahead.reading_on(r.in.u8() != 0, plan, bound_key(s));
+        s.ahead.reading_on(r.in.u8() != 0, plan, bound);
         const HeldRow *first = s.ahead.first_row();
-        if (first == nullptr || !one_row || by->second != bound_key(s)) return lost(s);
+        if (first == nullptr || !one_row || by->second != bound) return lost(s);
         return hand_out(s, *first);
     }
     if (rc != SQL_INVALID_HANDLE && !r.in.done()) {
@@ -237,8 +236,8 @@ SQLRETURN fetch(Stmt &s, bool scroll, SQLSMALLINT orientation, SQLLEN offset) {
                 if (i < rowset) put_value(s, b, i, ind, bytes);
             }
         if (one_row && !r.in.done()) {
-            s.ahead.take(std::move(r.bytes), r.in, bound_key(s), plan);
-            s.ahead.reading_on(r.in.u8() != 0, plan, bound_key(s));
+            s.ahead.take(std::move(r.bytes), r.in, bound, plan);
+            s.ahead.reading_on(r.in.u8() != 0, plan, bound);
         }
     }
     set_row_counts(s, rows, rowset);

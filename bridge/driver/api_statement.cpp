@@ -243,10 +243,7 @@ SQLRETURN get_stmt_attr(Stmt &s, SQLINTEGER attr, SQLPOINTER value) {
     w.i32(attr);
     Reply r = stmt_call(s, zb::Op::GetStmtAttr, w);
     SQLRETURN rc = adopt(s, r);
-    if (SQL_SUCCEEDED(rc)) {
-        auto number = static_cast<SQLULEN>(r.in.u64());
-        put(number);
-    }
+    if (SQL_SUCCEEDED(rc)) put(static_cast<SQLULEN>(r.in.u64()));
     return rc;
 }
 

@@ -85,17 +85,11 @@ void op_fetch(Session &session, void *obj, zb::Reader &in, zb::Writer &w, Outcom
 }
 
 void op_get_data(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
-    Statement &s = stmt(obj);
-    auto column = static_cast<SQLUSMALLINT>(in.i16());
-    SQLSMALLINT c_type = in.i16();
-    SQLLEN buffer_length = std::min<SQLLEN>(static_cast<SQLLEN>(in.i64()), kMaxBuffer);
-    SQLLEN element = element_size(c_type, buffer_length);
-    std::vector<uint8_t> buf(static_cast<size_t>(element), 0);
-    SQLLEN ind = 0;
-    SQLRETURN rc = SQLGetData(s.h, column, c_type, buf.data(), buffer_length, &ind);
-    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
-    w.i64(ind);
-    w.bytes(buf.data(), SQL_SUCCEEDED(rc) ? extent(c_type, ind, buffer_length, element) : 0);
+    zb::DataRequest r;
+    r.column = in.i16();
+    r.c_type = in.i16();
+    r.buffer_length = in.i64();
+    put_data_value(stmt(obj), r, out, w, false);
 }
 
 void put_column_attributes(SQLHSTMT h, SQLUSMALLINT first, const std::vector<SQLUSMALLINT> &fields,

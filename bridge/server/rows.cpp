@@ -27,6 +27,26 @@ size_t extent(SQLSMALLINT c_type, SQLLEN indicator, SQLLEN buffer_length, SQLLEN
     return static_cast<size_t>(std::min(n, element));
 }
 
+SQLRETURN put_data_value(Statement &s, const zb::DataRequest &r, Outcome &out, zb::Writer &w, bool outcome_first) {
+    const SQLLEN buffer_length = std::min<SQLLEN>(static_cast<SQLLEN>(r.buffer_length), kMaxBuffer);
+    const SQLLEN element = element_size(r.c_type, buffer_length);
+    if (s.scratch.size() < static_cast<size_t>(element)) s.scratch.resize(static_cast<size_t>(element));
+    std::memset(s.scratch.data(), 0, static_cast<size_t>(element));
+    SQLLEN ind = 0;
+    const SQLRETURN rc =
+        SQLGetData(s.h, static_cast<SQLUSMALLINT>(r.column), r.c_type, s.scratch.data(), buffer_length, &ind);
+    collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
+    if (outcome_first) {
+        w.i16(rc);
+        zb::put_diags(w, out.diags);
+    }
+    w.i64(ind);
+    w.bytes(s.scratch.data(), SQL_SUCCEEDED(rc) ? extent(r.c_type, ind, buffer_length, element) : 0);
+    constexpr size_t kScratchKept = 1 << 20;  // a huge buffer once is not kept for the session
+    if (s.scratch.size() > kScratchKept) std::vector<uint8_t>().swap(s.scratch);
+    return rc;
+}
+
 // Binds the target's columns to this statement's buffers as requested,
 // reusing the binding the previous fetch made when nothing changed.
 SQLRETURN bind_columns(Statement &s, const std::vector<ColumnRequest> &req, SQLULEN rowset) {
@@ -80,20 +100,8 @@ namespace {
 // SQLGetData as requested, written as a replayed call. False when its
 // outcome was anything but plain SQL_SUCCESS: reading ahead stops there.
 bool replay_call(Statement &s, const zb::DataRequest &r, zb::Writer &w) {
-    const SQLLEN buffer_length = std::min<SQLLEN>(static_cast<SQLLEN>(r.buffer_length), kMaxBuffer);
-    const SQLLEN element = element_size(r.c_type, buffer_length);
-    if (s.scratch.size() < static_cast<size_t>(element)) s.scratch.resize(static_cast<size_t>(element));
-    std::memset(s.scratch.data(), 0, static_cast<size_t>(element));
-    SQLLEN ind = 0;
-    const SQLRETURN rc =
-        SQLGetData(s.h, static_cast<SQLUSMALLINT>(r.column), r.c_type, s.scratch.data(), buffer_length, &ind);
     Outcome o;
-    collect_diags(SQL_HANDLE_STMT, s.h, rc, o);
-    w.i16(rc);
-    zb::put_diags(w, o.diags);
-    w.i64(ind);
-    w.bytes(s.scratch.data(), SQL_SUCCEEDED(rc) ? extent(r.c_type, ind, buffer_length, element) : 0);
-    return rc == SQL_SUCCESS;
+    return put_data_value(s, r, o, w, true) == SQL_SUCCESS;
 }
 
 }  // namespace
