@@ -5,17 +5,14 @@
 //   OPTIONS: --allow-dsn NAME (repeatable), --negotiation-timeout SECONDS
 //
 // In listen mode the parent only accepts: every connection is served by a
-// forked child, so a child that fails takes no other client with it. At most
-// --max-clients children serve at once; a client beyond them is told the
-// server is busy (08004) by a short-lived child of its own, and beyond a few
-// of those the connection is simply closed.
+// child process (server/workers.h), so a child that fails takes no other
+// client with it. At most --max-clients children serve at once; a client
+// beyond them is told the server is busy (08004) by a short-lived child of
+// its own, and beyond a few of those the connection is simply closed.
 #include <arpa/inet.h>
 #include <netdb.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,16 +20,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <set>
 #include <string>
 
-#include "server/session.h"
+#include "server/workers.h"
 
 namespace {
-
-volatile sig_atomic_t g_stop = 0;
-
-void on_stop(int) { g_stop = 1; }
 
 int usage() {
     fprintf(stderr,
@@ -80,69 +72,6 @@ void print_address(int fd) {
     fflush(stdout);
 }
 
-std::set<pid_t> g_children;  // serving a client
-std::set<pid_t> g_refusers;  // telling a client the server is busy
-constexpr size_t kMaxRefusers = 8;
-
-void reap() {
-    pid_t pid;
-    while ((pid = waitpid(-1, nullptr, WNOHANG)) > 0) {
-        g_children.erase(pid);
-        g_refusers.erase(pid);
-    }
-}
-
-// Stops the children still serving clients: politely, then for sure.
-void stop_children() {
-    g_children.insert(g_refusers.begin(), g_refusers.end());
-    g_refusers.clear();
-    for (pid_t pid : g_children) kill(pid, SIGTERM);
-    for (int i = 0; i < 50 && !g_children.empty(); ++i) {
-        usleep(100000);
-        reap();
-    }
-    for (pid_t pid : g_children) kill(pid, SIGKILL);
-    while (!g_children.empty() && waitpid(-1, nullptr, 0) > 0) reap();
-    g_children.clear();
-}
-
-int serve_forever(int listener, const zbs::Config &config, size_t max_clients) {
-    zbs::Config busy = config;
-    busy.busy = "server busy: " + std::to_string(max_clients) + " clients are connected (--max-clients)";
-    struct sigaction sa {};
-    sa.sa_handler = on_stop;
-    sigaction(SIGTERM, &sa, nullptr);
-    sigaction(SIGINT, &sa, nullptr);
-    while (!g_stop) {
-        reap();
-        pollfd p{listener, POLLIN, 0};
-        if (poll(&p, 1, 200) <= 0) continue;
-        int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) continue;
-        reap();  // children that ended while we waited no longer count
-        const bool full = g_children.size() >= max_clients;
-        if (full && g_refusers.size() >= kMaxRefusers) {
-            close(fd);  // a flood: not even a refusal
-            continue;
-        }
-        pid_t child = fork();
-        if (child == 0) {
-            signal(SIGTERM, SIG_DFL);
-            signal(SIGINT, SIG_DFL);
-            close(listener);
-            fcntl(fd, F_SETFD, 0);
-            // _exit: the driver manager's exit handlers belong to the parent.
-            _exit(zbs::serve_descriptor(fd, full ? busy : config));
-        }
-        if (child < 0) fprintf(stderr, "zephodbc-server: fork: %s\n", strerror(errno));
-        else (full ? g_refusers : g_children).insert(child);
-        close(fd);
-    }
-    close(listener);
-    stop_children();
-    return 0;
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -176,5 +105,7 @@ int main(int argc, char **argv) {
     if (listener < 0) return 1;
     zbs::preload_drivers(config);
     print_address(listener);
-    return serve_forever(listener, config, max_clients);
+    zbs::Workers(listener, config, max_clients).run();
+    close(listener);
+    return 0;
 }

@@ -149,6 +149,7 @@ void op_disconnect(Session &s, void *obj, zb::Reader &in, zb::Writer &, Outcome 
     collect_diags(SQL_HANDLE_DBC, c->h, rc, out);
     if (SQL_SUCCEEDED(rc)) {
         c->connected = false;
+        s.forget_statements();  // freed with the connection: freeing them again would crash
         s.close_all();
     }
 }

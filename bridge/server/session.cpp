@@ -32,6 +32,11 @@ void Session::drop_statement(Statement *s) {
     statements_.erase(s);
 }
 
+void Session::forget_statements() {
+    drop_read_on(nullptr);
+    statements_.clear();
+}
+
 Connection *Session::find_connection(void *p) const {
     return p != nullptr && p == connection_.get() ? connection_.get() : nullptr;
 }

@@ -80,6 +80,8 @@ public:
     Connection *open_connection();
     Statement *add_statement(SQLHSTMT h);
     void drop_statement(Statement *s);
+    // After a disconnect: the driver manager has freed every statement.
+    void forget_statements();
 
     // The issued object behind a pointer the client sent, or null when the
     // pointer is not one this session issued as that kind.

@@ -86,18 +86,21 @@ class Server:
             raise RuntimeError("server did not start: " + line)
         self.port = int(line.rsplit(":", 1)[1])
 
-    def children(self):
-        """Live (not yet reaped) children of the server, read from /proc."""
+    def children(self, state="serving"):
+        """Live (not yet reaped) children of the server, read from /proc:
+        those serving a client, or (state="idle") workers waiting for one."""
         found = []
         for entry in os.listdir("/proc"):
             if not entry.isdigit():
                 continue
             try:
                 with open(f"/proc/{entry}/stat") as f:
-                    fields = f.read().rsplit(")", 1)[1].split()
+                    name, fields = f.read().split(" (", 1)[1].rsplit(")", 1)
             except OSError:
                 continue
-            if int(fields[1]) == self.proc.pid and fields[0] != "Z":
+            fields = fields.split()
+            idle = name == "zephodbc-idle"
+            if int(fields[1]) == self.proc.pid and fields[0] != "Z" and idle == (state == "idle"):
                 found.append(int(entry))
         return found
 
