@@ -88,15 +88,18 @@ void ReadAhead::take_list(zb::Reader &in, const zb::ReadAheadPlan &plan) {
         for (size_t i = 0; i < row.calls; ++i) {
             HeldCall c;
             c.request = plan.requests[i];
-            c.rc = in.i16();
-            c.diags = zb::get_diags(in);
-            c.value = held_value(in, base);
+            c.rc = zb::get_outcome(in, c.diags);
+            c.value.indicator = static_cast<SQLLEN>(in.svar());
+            auto b = in.var_bytes();
+            c.value.at = static_cast<size_t>(b.data() - base);
+            c.value.length = b.size();
             calls_.push_back(std::move(c));
         }
     };
     auto take_number = [&](HeldRow &row) {
-        row.number_rc = in.i16();
-        row.number = in.u64();
+        std::vector<zb::DiagRecord> none;
+        row.number_rc = zb::get_outcome(in, none);
+        row.number = in.var();
     };
     if (!rows_.empty()) {
         take_number(rows_.front());
@@ -104,8 +107,7 @@ void ReadAhead::take_list(zb::Reader &in, const zb::ReadAheadPlan &plan) {
     }
     while (in.u8() != 0) {
         HeldRow row;
-        row.rc = in.i16();
-        row.diags = zb::get_diags(in);
+        row.rc = zb::get_outcome(in, row.diags);
         row.rows = in.u64();
         if (row.rows > 1) throw zb::DecodeError("more than one row in a read-ahead rowset");
         if (row.rows == 1) row.status = static_cast<SQLUSMALLINT>(in.i16());

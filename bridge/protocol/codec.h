@@ -1,8 +1,11 @@
 // Byte layout of the bridge's request and reply blocks.
 //
-// Integers are little-endian and fixed-width whatever the machine; byte
-// strings carry a 32-bit length; an optional byte string (an ODBC text
-// argument that may be a null pointer) carries a presence byte first.
+// Integers are little-endian and fixed-width whatever the machine, except
+// where a layout says "varint": then 7 bits a byte, low bits first, the top
+// bit set on every byte but the last (at most 10 bytes); a signed varint is
+// zigzag-coded first (0, -1, 1, -2, ... as 0, 1, 2, 3, ...). Byte strings
+// carry a 32-bit length; an optional byte string (an ODBC text argument that
+// may be a null pointer) carries a presence byte first.
 // A Reader that runs past its block throws DecodeError: a malformed block is
 // the peer's fault and must never be read beyond its end.
 #pragma once
@@ -35,6 +38,16 @@ public:
         bytes_.insert(bytes_.end(), b.begin(), b.end());
     }
     void bytes(const void *p, size_t n) { bytes({static_cast<const uint8_t *>(p), n}); }
+    void var(uint64_t v) {
+        for (; v >= 0x80; v >>= 7) bytes_.push_back(static_cast<uint8_t>(v | 0x80));
+        bytes_.push_back(static_cast<uint8_t>(v));
+    }
+    void svar(int64_t v) { var((static_cast<uint64_t>(v) << 1) ^ static_cast<uint64_t>(v >> 63)); }
+    // Bytes with a varint length.
+    void var_bytes(const void *p, size_t n) {
+        var(n);
+        bytes_.insert(bytes_.end(), static_cast<const uint8_t *>(p), static_cast<const uint8_t *>(p) + n);
+    }
     void str(std::string_view s) { bytes(s.data(), s.size()); }
     void opt_str(const std::optional<std::string> &s) {
         u8(s.has_value());
@@ -62,13 +75,22 @@ public:
     uint32_t u32() { return static_cast<uint32_t>(get(4)); }
     int64_t i64() { return static_cast<int64_t>(get(8)); }
     uint64_t u64() { return get(8); }
-    std::span<const uint8_t> bytes() {
-        uint32_t n = u32();
-        need(n);
-        std::span<const uint8_t> s(p_ + pos_, n);
-        pos_ += n;
-        return s;
+    std::span<const uint8_t> bytes() { return take(u32()); }
+    uint64_t var() {
+        uint64_t v = 0;
+        for (int shift = 0; shift < 64; shift += 7) {
+            const uint8_t b = u8();
+            if (shift == 63 && b > 1) break;
+            v |= static_cast<uint64_t>(b & 0x7f) << shift;
+            if ((b & 0x80) == 0) return v;
+        }
+        throw DecodeError("bridge message holds a malformed varint");
     }
+    int64_t svar() {
+        const uint64_t v = var();
+        return static_cast<int64_t>(v >> 1) ^ -static_cast<int64_t>(v & 1);
+    }
+    std::span<const uint8_t> var_bytes() { return take(var()); }
     std::string str() {
         auto b = bytes();
         return std::string(reinterpret_cast<const char *>(b.data()), b.size());
@@ -80,7 +102,13 @@ public:
     bool done() const { return pos_ == n_; }
 
 private:
-    void need(size_t k) const {
+    std::span<const uint8_t> take(uint64_t n) {
+        need(n);
+        std::span<const uint8_t> s(p_ + pos_, static_cast<size_t>(n));
+        pos_ += static_cast<size_t>(n);
+        return s;
+    }
+    void need(uint64_t k) const {
         if (k > n_ - pos_) throw DecodeError("bridge message is shorter than its contents");
     }
     uint64_t get(int width) {

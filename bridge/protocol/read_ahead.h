@@ -11,15 +11,19 @@
 // driver cannot answer from the rows it holds goes on from exactly there.
 //
 // A fetch reply starts with a byte. 0: the fetched rowset follows and, when
-// the request had a plan, a tail: that row's number (the return code and
-// value of SQLGetStmtAttr(SQL_ATTR_ROW_NUMBER)) and replayed calls, then
-// the row list of further rows (each a 1 byte, its fetch's return code,
-// diagnostics, rowset, row number and replayed calls; a 0 byte ends it),
-// then 1 when the server goes on reading (below), else 0.
+// the request had a plan, a tail: that row's number (the outcome and value
+// of SQLGetStmtAttr(SQL_ATTR_ROW_NUMBER), without diagnostics) and replayed
+// calls, then the row list of further rows (each a 1 byte, its fetch's
+// outcome, rowset, row number and replayed calls; a 0 byte ends it), then 1
+// when the server goes on reading (below), else 0.
 // 1: rows the server read on since its last reply follow instead, as a row
 // list from the first row, read with the plan and bound columns of the
 // request that reply answered; then the going-on byte again.
-// A replayed call: return code, diagnostics, indicator, value bytes.
+// Replayed calls: a u32 count, then each call's outcome, its indicator
+// (signed varint) and its value bytes (varint length).
+// An outcome: 0 for SQL_SUCCESS without diagnostics, which is nearly every
+// call; else 1, the return code and the diagnostics.
+// A row number: its outcome, then the number as a varint.
 //
 // Going on: after a reply whose rows stopped at a limit (not at an outcome),
 // the server reads the next row list on a thread of its own while the
@@ -93,6 +97,25 @@ inline std::vector<ColumnKey> get_column_keys(Reader &r) {
         keys.push_back(std::move(k));
     }
     return keys;
+}
+
+inline void put_outcome(Writer &w, int16_t rc, const std::vector<DiagRecord> &diags) {
+    if (rc == 0 && diags.empty()) {
+        w.u8(0);
+        return;
+    }
+    w.u8(1);
+    w.i16(rc);
+    put_diags(w, diags);
+}
+
+inline int16_t get_outcome(Reader &r, std::vector<DiagRecord> &diags) {
+    const uint8_t form = r.u8();
+    if (form == 0) return 0;
+    if (form != 1) throw DecodeError("bridge message holds an unknown outcome form");
+    const int16_t rc = r.i16();
+    diags = get_diags(r);
+    return rc;
 }
 
 inline constexpr uint8_t kExecuteReadsAhead = 1;

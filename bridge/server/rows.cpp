@@ -27,7 +27,7 @@ size_t extent(SQLSMALLINT c_type, SQLLEN indicator, SQLLEN buffer_length, SQLLEN
     return static_cast<size_t>(std::min(n, element));
 }
 
-SQLRETURN put_data_value(Statement &s, const zb::DataRequest &r, Outcome &out, zb::Writer &w, bool outcome_first) {
+SQLRETURN put_data_value(Statement &s, const zb::DataRequest &r, Outcome &out, zb::Writer &w, bool replayed) {
     const SQLLEN buffer_length = std::min<SQLLEN>(static_cast<SQLLEN>(r.buffer_length), kMaxBuffer);
     const SQLLEN element = element_size(r.c_type, buffer_length);
     if (s.scratch.size() < static_cast<size_t>(element)) s.scratch.resize(static_cast<size_t>(element));
@@ -39,12 +39,15 @@ SQLRETURN put_data_value(Statement &s, const zb::DataRequest &r, Outcome &out, z
     const SQLRETURN rc =
         SQLGetData(s.h, static_cast<SQLUSMALLINT>(r.column), r.c_type, s.scratch.data(), buffer_length, &ind);
     collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
-    if (outcome_first) {
-        w.i16(rc);
-        zb::put_diags(w, out.diags);
+    const size_t sent = SQL_SUCCEEDED(rc) ? extent(r.c_type, ind, buffer_length, element) : 0;
+    if (replayed) {
+        zb::put_outcome(w, rc, out.diags);
+        w.svar(ind);
+        w.var_bytes(s.scratch.data(), sent);
+    } else {
+        w.i64(ind);
+        w.bytes(s.scratch.data(), sent);
     }
-    w.i64(ind);
-    w.bytes(s.scratch.data(), SQL_SUCCEEDED(rc) ? extent(r.c_type, ind, buffer_length, element) : 0);
     constexpr size_t kScratchKept = 1 << 20;  // a huge buffer once is not kept for the session
     if (s.scratch.size() > kScratchKept) std::vector<uint8_t>().swap(s.scratch);
     return rc;
@@ -112,8 +115,8 @@ bool replay_call(Statement &s, const zb::DataRequest &r, zb::Writer &w) {
 void put_row_number(Statement &s, zb::Writer &w) {
     SQLULEN number = 0;
     const SQLRETURN rc = SQLGetStmtAttr(s.h, SQL_ATTR_ROW_NUMBER, &number, sizeof number, nullptr);
-    w.i16(rc);
-    w.u64(number);
+    zb::put_outcome(w, rc, {});
+    w.var(number);
 }
 
 // The replayed calls of the row the cursor is on; false when one stopped.
@@ -140,8 +143,7 @@ bool read_rows(Statement &s, const zb::ReadAheadPlan &plan, const std::vector<Co
         Outcome o;
         collect_diags(SQL_HANDLE_STMT, s.h, rc, o);
         w.u8(1);
-        w.i16(rc);
-        zb::put_diags(w, o.diags);
+        zb::put_outcome(w, rc, o.diags);
         put_rowset(w, s, req, SQL_SUCCEEDED(rc) ? std::min<SQLULEN>(s.rows_fetched, 1) : 0);
         put_row_number(s, w);
         if (rc != SQL_SUCCESS) {

@@ -16,10 +16,10 @@ SQLLEN element_size(SQLSMALLINT c_type, SQLLEN buffer_length);
 // Bytes of a value worth sending back: what the target wrote, not the buffer.
 size_t extent(SQLSMALLINT c_type, SQLLEN indicator, SQLLEN buffer_length, SQLLEN element);
 
-// SQLGetData as requested, into a zeroed buffer of the requested size;
-// writes the indicator and the value's bytes, after the return code and
-// diagnostics when outcome_first. The diagnostics also go to out.
-SQLRETURN put_data_value(Statement &s, const zb::DataRequest &r, Outcome &out, zb::Writer &w, bool outcome_first);
+// SQLGetData as requested, into a buffer of the requested size; writes the
+// indicator and the value's bytes, as a replayed call (outcome first,
+// protocol/read_ahead.h) when replayed. The diagnostics also go to out.
+SQLRETURN put_data_value(Statement &s, const zb::DataRequest &r, Outcome &out, zb::Writer &w, bool replayed);
 
 struct ColumnRequest {
     SQLUSMALLINT column;
