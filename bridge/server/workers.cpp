@@ -1,6 +1,7 @@
 #include "server/workers.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -78,6 +79,7 @@ void as_child(int listener) {
         serve_descriptor(fd, config);
         close(fd);
         if (served >= kConnectionsPerWorker) _exit(0);
+        malloc_trim(0);  // what a large client made the heap grow is not kept while idle
         name_process("zephodbc-idle");
         if (send(channel, &kIdleNotice, 1, MSG_NOSIGNAL) != 1) _exit(0);
         fd = receive_descriptor(channel);
