@@ -31,10 +31,14 @@ SQLRETURN put_data_value(Statement &s, const zb::DataRequest &r, Outcome &out, z
     const SQLLEN buffer_length = std::min<SQLLEN>(static_cast<SQLLEN>(r.buffer_length), kMaxBuffer);
     const SQLLEN element = element_size(r.c_type, buffer_length);
     if (s.scratch.size() < static_cast<size_t>(element)) s.scratch.resize(static_cast<size_t>(element));
-    // What goes back is what the target says it wrote (extent() below).
-    // Only a terminator under a NULL may be missing; clearing the whole
-    // buffer (pyodbc asks 4 KiB a text column) would cost more than the call.
-    std::memset(s.scratch.data(), 0, std::min<size_t>(static_cast<size_t>(element), 16));
+    // What goes back is what the target says it wrote (extent() below). Only
+    // a terminator under a NULL, or the odd last byte of a wide value cut to
+    // an odd buffer length, may not have been written: both ends are
+    // cleared. Clearing the whole buffer (pyodbc asks 4 KiB a text column)
+    // would cost more than the call.
+    const size_t edge = std::min<size_t>(static_cast<size_t>(element), 16);
+    std::memset(s.scratch.data(), 0, edge);
+    std::memset(s.scratch.data() + element - edge, 0, edge);
     SQLLEN ind = 0;
     const SQLRETURN rc =
         SQLGetData(s.h, static_cast<SQLUSMALLINT>(r.column), r.c_type, s.scratch.data(), buffer_length, &ind);
