@@ -80,8 +80,8 @@ void as_child(int listener) {
         close(fd);
         if (served >= kConnectionsPerWorker) _exit(0);
         malloc_trim(0);  // what a large client made the heap grow is not kept while idle
-        name_process("zephodbc-idle");
         if (send(channel, &kIdleNotice, 1, MSG_NOSIGNAL) != 1) _exit(0);
+        name_process("zephodbc-idle");  // after the notice: a worker seen idle can be handed a client
         fd = receive_descriptor(channel);
         if (fd < 0) _exit(0);
         name_process("zephodbc-server");

@@ -68,3 +68,21 @@ def test_few_workers_wait_idle(setup):
         assert wait_until(lambda: len(server.children("idle")) == 4)
     finally:
         server.stop()
+
+
+def test_a_worker_retires_after_200_clients(setup):
+    server = Server()
+    try:
+        def serve_one():
+            conn = pyodbc.connect(setup.bridge_string(PORT=server.port))
+            (serving,) = server.children()
+            conn.close()
+            assert wait_until(lambda: not server.children())
+            return serving
+
+        first = {serve_one() for _ in range(200)}
+        assert len(first) == 1
+        assert wait_until(lambda: not server.children("idle"))  # it has gone
+        assert serve_one() not in first
+    finally:
+        server.stop()
