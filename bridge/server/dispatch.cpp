@@ -14,7 +14,7 @@
 namespace zbs {
 namespace {
 
-Session *g_session = nullptr;  // one client connection per process
+Session *g_session = nullptr;  // the one client connection a process serves at a time
 
 enum class Target { None, Connection, Statement };
 

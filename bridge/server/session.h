@@ -1,8 +1,8 @@
 // One client connection as the server sees it: the target environment and
 // connection, the statements opened for the client, and the handles issued.
 //
-// A server process (or forked child) serves exactly one client connection,
-// so the session is process-wide state.
+// A server process (or child) serves one client connection at a time, so
+// the session is process-wide state.
 #pragma once
 
 #include <sql.h>
