@@ -124,7 +124,10 @@ class Server:
 class Setup:
     """The configuration files, the database and the server of one test."""
 
+    current = None  # the session's, for failure reports
+
     def __init__(self, directory):
+        Setup.current = self
         self.dir = directory
         self.db = os.path.join(directory, "test.db")
         self.server = Server()
@@ -181,11 +184,18 @@ def both(setup, scenario, **kw):
     """Runs scenario(connection) directly and through the bridge; returns both results."""
     results = []
     for kind in ("direct", "bridge"):
-        conn = setup.connect(kind, **kw)
         try:
-            results.append(scenario(conn))
-        finally:
-            conn.close()
+            conn = setup.connect(kind, **kw)
+            try:
+                results.append(scenario(conn))
+            finally:
+                conn.close()
+        except Exception:
+            if kind == "bridge":  # shown with the failure: what the server said
+                server = Setup.current.server
+                server.log.seek(0)
+                sys.stderr.write("server log, last 4 KB:\n" + server.log.read()[-4096:])
+            raise
     return results
 
 
