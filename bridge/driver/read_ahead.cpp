@@ -1,15 +1,13 @@
 #include "driver/read_ahead.h"
 
+#include <span>
+
 namespace zbd {
 namespace {
 
-HeldValue held_value(zb::Reader &in, const uint8_t *base) {
-    HeldValue v;
-    v.indicator = static_cast<SQLLEN>(in.i64());
-    auto b = in.bytes();
-    v.at = static_cast<size_t>(b.data() - base);
-    v.length = b.size();
-    return v;
+// A value held in the block: where its bytes are, not a copy.
+HeldValue held_value(SQLLEN indicator, std::span<const uint8_t> b, const uint8_t *base) {
+    return HeldValue{indicator, static_cast<size_t>(b.data() - base), b.size()};
 }
 
 }  // namespace
@@ -89,12 +87,14 @@ void ReadAhead::take_list(zb::Reader &in, const zb::ReadAheadPlan &plan) {
             HeldCall c;
             c.request = plan.requests[i];
             c.rc = zb::get_outcome(in, c.diags);
-            c.value.indicator = static_cast<SQLLEN>(in.svar());
-            auto b = in.var_bytes();
-            c.value.at = static_cast<size_t>(b.data() - base);
-            c.value.length = b.size();
+            const auto indicator = static_cast<SQLLEN>(in.svar());
+            c.value = held_value(indicator, in.var_bytes(), base);
             calls_.push_back(std::move(c));
         }
+    };
+    auto take_bound = [&] {  // as a rowset carries it: fixed-width indicator and length
+        const auto indicator = static_cast<SQLLEN>(in.i64());
+        return held_value(indicator, in.bytes(), base);
     };
     auto take_number = [&](HeldRow &row) {
         std::vector<zb::DiagRecord> none;
@@ -112,7 +112,7 @@ void ReadAhead::take_list(zb::Reader &in, const zb::ReadAheadPlan &plan) {
         if (row.rows > 1) throw zb::DecodeError("more than one row in a read-ahead rowset");
         if (row.rows == 1) row.status = static_cast<SQLUSMALLINT>(in.i16());
         for (size_t c = 0; c < bound_.size(); ++c)
-            row.bound.push_back(row.rows == 1 ? held_value(in, base) : HeldValue{});
+            row.bound.push_back(row.rows == 1 ? take_bound() : HeldValue{});
         take_number(row);
         take_calls(row);
         rows_.push_back(std::move(row));

@@ -24,38 +24,39 @@ void on_stop(int) { g_stop = 1; }
 
 constexpr char kIdleNotice = 'i';
 
-bool send_descriptor(int channel, int fd) {
+// A one-byte message with room for one descriptor in its control data.
+struct DescriptorMessage {
     char byte = 0;
     iovec io{&byte, 1};
     alignas(cmsghdr) char space[CMSG_SPACE(sizeof(int))] = {};
     msghdr m{};
-    m.msg_iov = &io;
-    m.msg_iovlen = 1;
-    m.msg_control = space;
-    m.msg_controllen = sizeof space;
-    cmsghdr *c = CMSG_FIRSTHDR(&m);
+    DescriptorMessage() {
+        m.msg_iov = &io;
+        m.msg_iovlen = 1;
+        m.msg_control = space;
+        m.msg_controllen = sizeof space;
+    }
+    DescriptorMessage(const DescriptorMessage &) = delete;  // m points into itself
+};
+
+bool send_descriptor(int channel, int fd) {
+    DescriptorMessage d;
+    cmsghdr *c = CMSG_FIRSTHDR(&d.m);
     c->cmsg_level = SOL_SOCKET;
     c->cmsg_type = SCM_RIGHTS;
     c->cmsg_len = CMSG_LEN(sizeof(int));
     std::memcpy(CMSG_DATA(c), &fd, sizeof fd);
-    return sendmsg(channel, &m, MSG_NOSIGNAL) == 1;
+    return sendmsg(channel, &d.m, MSG_NOSIGNAL) == 1;
 }
 
 // Blocks until the parent hands over a connection; -1 when it closed the
 // channel (the worker is retired) or the channel failed.
 int receive_descriptor(int channel) {
-    char byte = 0;
-    iovec io{&byte, 1};
-    alignas(cmsghdr) char space[CMSG_SPACE(sizeof(int))] = {};
-    msghdr m{};
-    m.msg_iov = &io;
-    m.msg_iovlen = 1;
-    m.msg_control = space;
-    m.msg_controllen = sizeof space;
+    DescriptorMessage d;
     ssize_t n;
-    do n = recvmsg(channel, &m, MSG_CMSG_CLOEXEC);
+    do n = recvmsg(channel, &d.m, MSG_CMSG_CLOEXEC);
     while (n < 0 && errno == EINTR);
-    cmsghdr *c = n == 1 ? CMSG_FIRSTHDR(&m) : nullptr;
+    cmsghdr *c = n == 1 ? CMSG_FIRSTHDR(&d.m) : nullptr;
     if (c == nullptr || c->cmsg_type != SCM_RIGHTS || c->cmsg_len != CMSG_LEN(sizeof(int)))
         return -1;
     int fd;
