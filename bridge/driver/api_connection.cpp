@@ -129,6 +129,10 @@ SQLRETURN set_connect_attr(Dbc &dbc, SQLINTEGER attr, SQLPOINTER value, const Te
     const bool is_text = zb::connect_attr_is_text(attr);
     ConnectAttr a{attr, is_text, static_cast<int64_t>(reinterpret_cast<intptr_t>(value)),
                   is_text ? text.value_or("") : std::string()};
+    if (attr == SQL_ATTR_QUIET_MODE) {
+        dbc.quiet_mode = a.value;
+        return SQL_SUCCESS;
+    }
     if (!dbc.connected()) {
         std::erase_if(dbc.pending, [&](const ConnectAttr &p) { return p.attribute == attr; });
         dbc.pending.push_back(a);
@@ -146,6 +150,10 @@ SQLRETURN set_connect_attr(Dbc &dbc, SQLINTEGER attr, SQLPOINTER value, const Te
 SQLRETURN get_connect_attr(Dbc &dbc, SQLINTEGER attr, SQLPOINTER value, const OutBuf &out,
                            SQLINTEGER *length) {
     const bool is_text = zb::connect_attr_is_text(attr);
+    if (attr == SQL_ATTR_QUIET_MODE) {
+        if (value != nullptr) *static_cast<SQLULEN *>(value) = static_cast<SQLULEN>(dbc.quiet_mode);
+        return SQL_SUCCESS;
+    }
     if (attr == SQL_ATTR_CONNECTION_DEAD) {
         // Asked by connection pools before they hand a connection out again:
         // a round trip finds a server that dropped it meanwhile.
@@ -207,8 +215,14 @@ SQLRETURN get_info(Dbc &dbc, SQLUSMALLINT type, const OutBuf &out, SQLSMALLINT *
         SQLRETURN t = write_text(dbc, std::string(value.begin(), value.end()), out, length);
         return t == SQL_SUCCESS ? rc : t;
     }
-    if (out.data != nullptr) std::memcpy(out.data, value.data(), value.size());
-    if (length != nullptr) *length = static_cast<SQLSMALLINT>(value.size());
+    // No more than the type's width reaches the application's buffer,
+    // whatever the server sent.
+    const zb::ValueKind kind = zb::info_kind(type);
+    const size_t n = std::min<size_t>(value.size(), kind == zb::ValueKind::Int16   ? sizeof(SQLUSMALLINT)
+                                                    : kind == zb::ValueKind::Int32 ? sizeof(SQLUINTEGER)
+                                                                                   : sizeof(SQLULEN));
+    if (out.data != nullptr) std::memcpy(out.data, value.data(), n);
+    if (length != nullptr) *length = static_cast<SQLSMALLINT>(n);
     return rc;
 }
 

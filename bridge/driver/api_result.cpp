@@ -1,5 +1,6 @@
 // Results: column descriptions (from what execute returned), column
 // attributes (asked once per result), fetches into bound columns, SQLGetData.
+#include <algorithm>
 #include <cstring>
 #include <iterator>
 
@@ -158,6 +159,7 @@ BoundKey bound_key(const Stmt &s) {
 }
 
 void set_row_counts(Stmt &s, SQLULEN rows, SQLULEN rowset) {
+    rows = std::min(rows, rowset);  // whatever the server claims
     if (s.row_status != nullptr)
         for (SQLULEN i = rows; i < rowset; ++i) s.row_status[i] = SQL_ROW_NOROW;
     if (s.rows_fetched != nullptr) *s.rows_fetched = rows;

@@ -7,6 +7,7 @@
 #include "driver/api.h"
 #include "driver/params.h"
 #include "driver/remote.h"
+#include "protocol/odbc_kinds.h"
 
 namespace zbd {
 namespace {
@@ -39,20 +40,6 @@ void remember_shape(Stmt &s, const std::optional<std::string> &text) {
     constexpr size_t kTextsKept = 256;
     if (known.size() >= kTextsKept && !known.contains(*text)) known.clear();
     known[*text].shape = zb::column_keys(s.shape);
-}
-
-bool local_attr(SQLINTEGER attr) {
-    switch (attr) {
-    case SQL_ATTR_ROW_ARRAY_SIZE: case SQL_ATTR_ROW_BIND_TYPE: case SQL_ATTR_ROW_BIND_OFFSET_PTR:
-    case SQL_ATTR_ROW_STATUS_PTR: case SQL_ATTR_ROWS_FETCHED_PTR: case SQL_ATTR_PARAMSET_SIZE:
-    case SQL_ATTR_PARAM_BIND_TYPE: case SQL_ATTR_PARAM_BIND_OFFSET_PTR:
-    case SQL_ATTR_PARAM_STATUS_PTR: case SQL_ATTR_PARAMS_PROCESSED_PTR:
-    case SQL_ATTR_APP_ROW_DESC: case SQL_ATTR_APP_PARAM_DESC: case SQL_ATTR_IMP_ROW_DESC:
-    case SQL_ATTR_IMP_PARAM_DESC:
-        return true;
-    default:
-        return false;
-    }
 }
 
 SQLRETURN run_execute(Stmt &s, const Text &direct_sql) {
@@ -180,7 +167,7 @@ SQLRETURN close_cursor(Stmt &s) {
 
 SQLRETURN set_stmt_attr(Stmt &s, SQLINTEGER attr, SQLPOINTER value) {
     const auto number = static_cast<SQLULEN>(reinterpret_cast<uintptr_t>(value));
-    if (!local_attr(attr)) {
+    if (!zb::stmt_attr_is_local(attr)) {
         s.server_attributes_set = true;
         zb::Writer w;
         w.i32(attr);

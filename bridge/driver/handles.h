@@ -67,6 +67,8 @@ struct Dbc : Handle {
     uint64_t remote = 0;  // the server's connection
     bool broken = false;  // the transport failed: only disconnect helps
     bool wide = false;    // the application connected through the wide entry points
+    // SQL_ATTR_QUIET_MODE: a window of the application's, no use to a server.
+    int64_t quiet_mode = 0;
     std::vector<ConnectAttr> pending;  // set before connecting
     std::map<int, std::pair<SQLRETURN, std::vector<uint8_t>>> info;  // SQLGetInfo answers
     std::set<Stmt *> statements;

@@ -107,8 +107,12 @@ SQLRETURN encode_execute(Stmt &s, const Text &direct_sql, zb::Writer &w,
 
 void decode_execute_reply(Stmt &s, zb::Reader &in) {
     const uint64_t processed = in.u64();
-    const uint32_t sets = in.u32();
-    for (uint32_t i = 0; i < sets; ++i) {
+    // Statuses of the sets the server processed; it stops at the first
+    // that fails, and the sets after it are unused.
+    const uint32_t statuses = in.count(2);
+    for (SQLULEN i = 0; s.param_status != nullptr && i < s.paramset_size; ++i)
+        s.param_status[i] = SQL_PARAM_UNUSED;
+    for (uint32_t i = 0; i < statuses; ++i) {
         int16_t st = in.i16();
         if (s.param_status != nullptr && i < s.paramset_size) s.param_status[i] = static_cast<SQLUSMALLINT>(st);
     }

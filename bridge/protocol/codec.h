@@ -76,6 +76,15 @@ public:
     int64_t i64() { return static_cast<int64_t>(get(8)); }
     uint64_t u64() { return get(8); }
     std::span<const uint8_t> bytes() { return take(u32()); }
+    // A count of items that follow, each at least `min_item_bytes` long. A
+    // count the rest of the block cannot hold is a DecodeError, so a few
+    // bytes never make the reader set aside room for billions of items.
+    uint32_t count(size_t min_item_bytes) {
+        const uint32_t n = u32();
+        if (uint64_t{n} * min_item_bytes > remaining())
+            throw DecodeError("bridge message counts more items than it holds");
+        return n;
+    }
     uint64_t var() {
         uint64_t v = 0;
         for (int shift = 0; shift < 64; shift += 7) {
@@ -100,6 +109,7 @@ public:
         return str();
     }
     bool done() const { return pos_ == n_; }
+    size_t remaining() const { return n_ - pos_; }
 
 private:
     std::span<const uint8_t> take(uint64_t n) {
@@ -144,7 +154,7 @@ inline void put_diags(Writer &w, const std::vector<DiagRecord> &diags) {
 }
 
 inline std::vector<DiagRecord> get_diags(Reader &r) {
-    uint32_t n = r.u32();
+    const uint32_t n = r.count(20);
     std::vector<DiagRecord> out;
     for (uint32_t i = 0; i < n; ++i) {
         DiagRecord d;
@@ -200,7 +210,7 @@ inline ResultShape get_shape(Reader &r) {
     ResultShape s;
     s.columns_rc = r.i16();
     s.column_count = r.i16();
-    uint32_t n = r.u32();
+    const uint32_t n = r.count(28);
     for (uint32_t i = 0; i < n; ++i) {
         ColumnDesc c;
         c.name = r.str();

@@ -56,6 +56,42 @@ bool connect_attr_is_text(int a) {
     return a == SQL_ATTR_CURRENT_CATALOG || a == SQL_ATTR_TRACEFILE || a == SQL_ATTR_TRANSLATE_LIB;
 }
 
+bool stmt_attr_is_local(int a) {
+    switch (a) {
+    case SQL_ATTR_ROW_ARRAY_SIZE: case SQL_ATTR_ROW_BIND_TYPE: case SQL_ATTR_ROW_BIND_OFFSET_PTR:
+    case SQL_ATTR_ROW_STATUS_PTR: case SQL_ATTR_ROWS_FETCHED_PTR: case SQL_ATTR_PARAMSET_SIZE:
+    case SQL_ATTR_PARAM_BIND_TYPE: case SQL_ATTR_PARAM_BIND_OFFSET_PTR:
+    case SQL_ATTR_PARAM_STATUS_PTR: case SQL_ATTR_PARAMS_PROCESSED_PTR:
+    case SQL_ATTR_APP_ROW_DESC: case SQL_ATTR_APP_PARAM_DESC: case SQL_ATTR_IMP_ROW_DESC:
+    case SQL_ATTR_IMP_PARAM_DESC:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// ODBC 3.8 attributes these headers may not name.
+constexpr int kAsyncStmtPcallback = 30, kAsyncStmtPcontext = 31;
+constexpr int kDbcInfoToken = 118, kAsyncDbcEvent = 119, kAsyncDbcPcallback = 120,
+              kAsyncDbcPcontext = 121;
+
+bool stmt_attr_is_refused(int a) {
+    return stmt_attr_is_local(a) || a == SQL_ATTR_FETCH_BOOKMARK_PTR || a == SQL_ATTR_ROW_OPERATION_PTR ||
+           a == SQL_ATTR_ASYNC_STMT_EVENT || a == kAsyncStmtPcallback || a == kAsyncStmtPcontext;
+}
+
+bool connect_attr_is_refused(int a) {
+    switch (a) {
+    case SQL_ATTR_TRACE: case SQL_ATTR_TRACEFILE: case SQL_ATTR_TRANSLATE_LIB:
+    case SQL_ATTR_TRANSLATE_OPTION: case SQL_ATTR_QUIET_MODE: case SQL_ATTR_ENLIST_IN_DTC:
+    case SQL_ATTR_ENLIST_IN_XA: case kDbcInfoToken: case kAsyncDbcEvent: case kAsyncDbcPcallback:
+    case kAsyncDbcPcontext:
+        return true;
+    default:
+        return false;
+    }
+}
+
 int c_type_fixed_size(int c) {
     switch (c) {
     case SQL_C_BIT: case SQL_C_TINYINT: case SQL_C_STINYINT: case SQL_C_UTINYINT:

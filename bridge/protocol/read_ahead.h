@@ -88,7 +88,7 @@ inline void put_column_keys(Writer &w, const std::vector<ColumnKey> &keys) {
 
 inline std::vector<ColumnKey> get_column_keys(Reader &r) {
     std::vector<ColumnKey> keys;
-    for (uint32_t n = r.u32(); n > 0; --n) {
+    for (uint32_t n = r.count(16); n > 0; --n) {
         ColumnKey k;
         k.name = r.str();
         k.sql_type = r.i16();
@@ -137,7 +137,7 @@ inline void put_plan(Writer &w, const ReadAheadPlan &p) {
 
 inline ReadAheadPlan get_plan(Reader &r) {
     ReadAheadPlan p;
-    for (uint32_t n = r.u32(); n > 0; --n) {
+    for (uint32_t n = r.count(12); n > 0; --n) {
         DataRequest d;
         d.column = r.i16();
         d.c_type = r.i16();

@@ -10,6 +10,7 @@
 #include <zephrpc.h>
 
 #include "server/ops.h"
+#include "server/rows.h"
 
 namespace zbs {
 namespace {
@@ -51,6 +52,14 @@ OpInfo info_for(zb::Op op) {
     return {nullptr, Target::None};
 }
 
+// What a failure inside an operation tells the client: memory it could not
+// have (HY001), or a malformed request or anything else (HY000).
+zb::DiagRecord failure_diag(const std::exception &e) {
+    if (dynamic_cast<const TooLarge *>(&e) != nullptr) return bridge_diag("HY001", e.what());
+    if (dynamic_cast<const std::bad_alloc *>(&e) != nullptr) return bridge_diag("HY001", "Memory allocation error");
+    return bridge_diag("HY000", e.what());
+}
+
 // Runs one operation. Never throws: a malformed request or a failure inside
 // becomes SQL_ERROR with a diagnostic, and a handle this session did not
 // issue becomes SQL_INVALID_HANDLE without being touched.
@@ -78,7 +87,7 @@ SQLRETURN run(zb::Op op, void *handle, const RPCMemDesc &request, zb::Writer &re
         info.handler(*g_session, object, in, payload, out);
     } catch (const std::exception &e) {
         out.rc = SQL_ERROR;
-        out.diags.push_back(bridge_diag("HY000", e.what()));
+        out.diags.push_back(failure_diag(e));
         payload = zb::Writer();
     }
     zb::put_diags(reply, out.diags);

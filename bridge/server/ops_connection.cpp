@@ -16,9 +16,14 @@ std::string upper(std::string s) {
 
 // Keywords a client may not pass through: they would pick another data
 // source or driver than the one the server allows.
+// Keywords that would choose another data source, load another driver or
+// write files on this machine; and keys that are no single keyword (a key
+// holding ";" or "=" would smuggle further keywords past this check).
 bool forbidden_keyword(const std::string &key) {
     const std::string k = upper(key);
-    return k == "DSN" || k == "DRIVER" || k == "FILEDSN" || k == "SAVEFILE";
+    return k == "DSN" || k == "DRIVER" || k == "FILEDSN" || k == "SAVEFILE" || k.empty() ||
+           k.find_first_of(";={}") != std::string::npos || std::isspace(static_cast<unsigned char>(k.front())) ||
+           std::isspace(static_cast<unsigned char>(k.back()));
 }
 
 std::string braced(const std::string &v) {
@@ -33,6 +38,12 @@ std::string braced(const std::string &v) {
 
 void set_attr(SQLHDBC dbc, SQLINTEGER attr, bool text, int64_t value, const std::string &s,
               Outcome &out) {
+    if (zb::connect_attr_is_refused(attr)) {
+        out.rc = SQL_ERROR;
+        out.diags.push_back(bridge_diag("HYC00", "connection attribute " + std::to_string(attr) +
+                                                     " is not set through the bridge"));
+        return;
+    }
     SQLRETURN rc;
     if (text && wide_calls()) {
         std::u16string w = to_wide(s);
@@ -57,7 +68,7 @@ void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out)
         int64_t value;
         std::string s;
     };
-    std::vector<Attr> attrs(in.u32());
+    std::vector<Attr> attrs(in.count(9));
     for (auto &a : attrs) {
         a.attr = in.i32();
         a.text = in.u8() != 0;
@@ -66,7 +77,7 @@ void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out)
     }
     const std::string dsn = in.str();
     std::string connect = "DSN=" + braced(dsn) + ";";
-    for (uint32_t n = in.u32(); n > 0; --n) {
+    for (uint32_t n = in.count(8); n > 0; --n) {
         std::string key = in.str(), value = in.str();
         if (forbidden_keyword(key)) {
             out.rc = SQL_ERROR;
@@ -77,7 +88,7 @@ void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out)
     }
     use_wide_calls(in.u8() != 0 && driver_has_wide_calls(dsn));
     // Information types the driver answers from now on without asking.
-    std::vector<int32_t> infos(in.done() ? 0 : in.u32());
+    std::vector<int32_t> infos(in.done() ? 0 : in.count(4));
     for (auto &t : infos) t = in.i32();
     if (!s.config().busy.empty()) {
         out.rc = SQL_ERROR;
@@ -141,7 +152,7 @@ void op_disconnect(Session &s, void *obj, zb::Reader &in, zb::Writer &, Outcome 
     auto *c = static_cast<Connection *>(obj);
     // Statements the application freed that the driver kept for reuse go
     // first, as they would have before a direct disconnect.
-    for (uint32_t n = in.done() ? 0 : in.u32(); n > 0; --n) {
+    for (uint32_t n = in.done() ? 0 : in.count(8); n > 0; --n) {
         Statement *spare = s.find_statement(reinterpret_cast<void *>(static_cast<uintptr_t>(in.u64())));
         if (spare != nullptr && SQL_SUCCEEDED(SQLFreeHandle(SQL_HANDLE_STMT, spare->h))) s.drop_statement(spare);
     }

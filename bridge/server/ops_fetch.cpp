@@ -41,7 +41,7 @@ void op_fetch(Session &session, void *obj, zb::Reader &in, zb::Writer &w, Outcom
     const int16_t orientation = in.i16();
     const int64_t offset = in.i64();
     const SQLULEN rowset = std::max<uint64_t>(in.u64(), 1);
-    std::vector<ColumnRequest> req(in.u32());
+    std::vector<ColumnRequest> req(in.count(12));
     for (auto &r : req) {
         r.column = static_cast<SQLUSMALLINT>(in.i16());
         r.c_type = in.i16();
@@ -122,7 +122,7 @@ void put_column_attributes(SQLHSTMT h, SQLUSMALLINT first, const std::vector<SQL
 void op_col_attribute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {
     Statement &s = stmt(obj);
     const auto first = static_cast<SQLUSMALLINT>(in.i16());
-    std::vector<SQLUSMALLINT> fields(in.u32());
+    std::vector<SQLUSMALLINT> fields(in.count(2));
     for (auto &f : fields) f = static_cast<SQLUSMALLINT>(in.i16());
     put_column_attributes(s.h, first, fields, w, first != 0 ? &out : nullptr);
 }

@@ -159,6 +159,12 @@ void op_set_stmt_attr(Session &, void *obj, zb::Reader &in, zb::Writer &, Outcom
     Statement &s = stmt(obj);
     int32_t attr = in.i32();
     int64_t value = in.i64();
+    if (zb::stmt_attr_is_refused(attr)) {
+        out.rc = SQL_ERROR;
+        out.diags.push_back(bridge_diag("HYC00", "statement attribute " + std::to_string(attr) +
+                                                     " is not set through the bridge"));
+        return;
+    }
     SQLRETURN rc = SQLSetStmtAttr(s.h, attr, (SQLPOINTER)(intptr_t)value, 0);
     collect_diags(SQL_HANDLE_STMT, s.h, rc, out);
 }
@@ -199,7 +205,7 @@ static void put_execute_extras(Statement &s, zb::Reader &in, const zb::ResultSha
         if (read) read_rows(s, plan, {}, w.size(), 0, w);
     }
     if (extras & zb::kExecuteDescribes) {
-        std::vector<SQLUSMALLINT> fields(in.u32());
+        std::vector<SQLUSMALLINT> fields(in.count(2));
         for (auto &f : fields) f = static_cast<SQLUSMALLINT>(in.i16());
         const bool described = shape.column_count > 0;
         w.u8(described);
@@ -213,7 +219,7 @@ void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
     const bool direct = in.u8() != 0;
     std::string sql;
     if (direct) sql = in.str();
-    std::vector<ParamSpec> specs(in.u32());
+    std::vector<ParamSpec> specs(in.count(26));
     for (auto &p : specs) {
         p.number = static_cast<SQLUSMALLINT>(in.i16());
         p.io = in.i16();
@@ -221,12 +227,17 @@ void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
         p.sql_type = in.i16();
         p.size = in.u64();
         p.digits = in.i16();
-        p.out_length = in.i64();
+        // What one value can need (as for SQLGetData); the buffer is
+        // zeroed, so a larger one would only cost memory the client never sent.
+        p.out_length = std::min<int64_t>(in.i64(), kMaxBuffer);
     }
     const uint64_t sets = std::max<uint64_t>(in.u64(), 1);
+    // Each set holds an indicator and a length for every parameter.
+    if (!specs.empty() && sets > in.remaining() / (specs.size() * 12))
+        throw zb::DecodeError("bridge message counts more parameter sets than it holds");
     s.param_values.assign(specs.size(), {});
     s.param_indicators.assign(specs.size(), 0);
-    std::vector<SQLUSMALLINT> status(sets, SQL_PARAM_UNUSED);
+    std::vector<SQLUSMALLINT> status;  // of the sets processed
     uint64_t processed = 0;
     SQLRETURN rc = SQL_SUCCESS;
     int64_t total_rows = 0;
@@ -255,9 +266,9 @@ void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
         collect_diags(SQL_HANDLE_STMT, s.h, one, step);
         out.diags.insert(out.diags.end(), step.diags.begin(), step.diags.end());
         ++processed;
-        status[set] = one == SQL_ERROR ? SQL_PARAM_ERROR
+        status.push_back(one == SQL_ERROR ? SQL_PARAM_ERROR
                       : one == SQL_SUCCESS_WITH_INFO ? SQL_PARAM_SUCCESS_WITH_INFO
-                                                     : SQL_PARAM_SUCCESS;
+                                                     : SQL_PARAM_SUCCESS);
         rc = set == 0 ? one : worst(rc, one);
         SQLLEN n = 0;
         if (sets > 1 && SQL_SUCCEEDED(one) && SQL_SUCCEEDED(SQLRowCount(s.h, &n)) && n >= 0) {
@@ -267,7 +278,7 @@ void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
     }
     out.rc = rc;
     w.u64(processed);
-    w.u32(static_cast<uint32_t>(sets));
+    w.u32(static_cast<uint32_t>(status.size()));  // the driver marks the rest unused
     for (auto st : status) w.i16(static_cast<int16_t>(st));
     // Output parameters of the last set.
     for (size_t i = 0; i < specs.size(); ++i) {
@@ -291,9 +302,9 @@ void op_catalog(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
     Statement &s = stmt(obj);
     close_if_asked(s, in);
     auto fn = static_cast<zb::CatalogFn>(in.i32());
-    std::vector<std::optional<std::string>> t(in.u32());
+    std::vector<std::optional<std::string>> t(in.count(1));
     for (auto &x : t) x = in.opt_str();
-    std::vector<int16_t> n(in.u32());
+    std::vector<int16_t> n(in.count(2));
     for (auto &x : n) x = in.i16();
     t.resize(6);
     n.resize(3);

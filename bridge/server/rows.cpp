@@ -67,6 +67,13 @@ SQLRETURN bind_columns(Statement &s, const std::vector<ColumnRequest> &req, SQLU
                it->second.element == element_size(r.c_type, r.buffer_length);
     }
     if (same) return SQL_SUCCESS;
+    // A client announces the rowset and buffer lengths; the server zeroes
+    // what it binds, so those are bounded before anything is set aside.
+    uint64_t per_row = sizeof(SQLUSMALLINT);
+    for (const auto &r : req) per_row += static_cast<uint64_t>(element_size(r.c_type, r.buffer_length)) + sizeof(SQLLEN);
+    if (rowset > kMaxBoundBytes / per_row)
+        throw TooLarge("a rowset of " + std::to_string(rowset) + " rows of " + std::to_string(per_row) +
+                       " bytes is more than the server binds (" + std::to_string(kMaxBoundBytes >> 20) + " MiB)");
     SQLFreeStmt(s.h, SQL_UNBIND);
     s.columns.clear();
     if (rowset != s.rowset) {

@@ -2,6 +2,8 @@
 // writing rowsets, and reading rows ahead (see protocol/read_ahead.h).
 #pragma once
 
+#include <cstdint>
+#include <stdexcept>
 #include <vector>
 
 #include "protocol/read_ahead.h"
@@ -10,6 +12,12 @@
 namespace zbs {
 
 inline constexpr SQLLEN kMaxBuffer = 256 << 20;  // one value never needs more
+inline constexpr uint64_t kMaxBoundBytes = uint64_t{1} << 30;  // one fetch's bound buffers
+
+// More memory than the server sets aside for one request (HY001).
+struct TooLarge : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 // Bytes a value of c_type takes in a buffer of buffer_length.
 SQLLEN element_size(SQLSMALLINT c_type, SQLLEN buffer_length);
@@ -28,7 +36,8 @@ struct ColumnRequest {
 };
 
 // Binds the target's columns to the statement's buffers as requested,
-// reusing the binding of the previous fetch when nothing changed.
+// reusing the binding of the previous fetch when nothing changed. Throws
+// TooLarge, binding nothing, when the buffers would exceed kMaxBoundBytes.
 SQLRETURN bind_columns(Statement &s, const std::vector<ColumnRequest> &req, SQLULEN rowset);
 
 // Writes the rowset a fetch left in the statement's bound buffers.

@@ -51,6 +51,28 @@ TEST(Varint, MalformedOrCutShortIsADecodeError) {
     }
 }
 
+TEST(Count, ACountTheRestOfTheBlockCannotHoldIsADecodeError) {
+    constexpr int64_t kRefused = -1;
+    const struct {
+        Bytes bytes;
+        size_t item_bytes;
+        int64_t count;
+    } cases[] = {
+        {{2, 0, 0, 0, 'a', 'b', 'c', 'd'}, 4, kRefused},
+        {{2, 0, 0, 0, 'a', 'b', 'c', 'd'}, 2, 2},
+        {{0, 0, 0, 0}, 100, 0},
+        {{0xff, 0xff, 0xff, 0xff, 'a'}, 1, kRefused},
+        {{0xff, 0xff, 0xff, 0xff}, 0, UINT32_MAX},  // items that may be empty: the reads that follow decide
+    };
+    for (const auto &c : cases) {
+        zb::Reader r(c.bytes.data(), c.bytes.size());
+        if (c.count == kRefused)
+            EXPECT_THROW(r.count(c.item_bytes), zb::DecodeError) << c.item_bytes;
+        else
+            EXPECT_EQ(r.count(c.item_bytes), c.count);
+    }
+}
+
 TEST(Outcome, PlainSuccessIsOneByteAndAnythingElseCarriesItsDiagnostics) {
     zb::Writer w;
     zb::put_outcome(w, 0, {});
