@@ -15,4 +15,21 @@ const char *op_name(Op op) {
     return "";
 }
 
+std::vector<RPCFuncDesc> function_table(RPCServerFn (*entry_for)(Op)) {
+    std::vector<RPCFuncDesc> table;
+    for (int i = 0; i < static_cast<int>(Op::Count); ++i) {
+        const auto op = static_cast<Op>(i);
+        RPCFuncDesc d{};
+        d.name = const_cast<char *>(op_name(op));
+        d.entry = entry_for(op);
+        d.params[0] = {RPC_PTR | RPC_IN, 0, const_cast<char *>("handle"), 0, 0, nullptr, {}};
+        d.params[1] = {RPC_MEM | RPC_IN, 0, const_cast<char *>("request"), 0, 0, nullptr, {}};
+        d.params[2] = {RPC_INT16 | RPC_OUT, 0, const_cast<char *>("rc"), 0, 0, nullptr, {}};
+        d.params[3] = {RPC_MEM | RPC_OUT, 0, const_cast<char *>("reply"), 0, 0, nullptr, {}};
+        table.push_back(d);
+    }
+    table.push_back(RPCFuncDesc{});
+    return table;
+}
+
 }  // namespace zb

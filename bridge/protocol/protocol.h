@@ -9,6 +9,9 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
+
+#include <zephrpc.h>
 
 namespace zb {
 
@@ -49,6 +52,10 @@ enum class Op : int {
 };
 
 const char *op_name(Op op);
+
+// The table a server exports: every operation with the four parameters
+// above, each served by entry_for(op); ends with the empty descriptor.
+std::vector<RPCFuncDesc> function_table(RPCServerFn (*entry_for)(Op));
 
 // Catalog functions carried by Op::Catalog.
 enum class CatalogFn : int32_t {

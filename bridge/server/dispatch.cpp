@@ -118,21 +118,9 @@ int32_t entry(RPCParam *args) {
 }
 
 template <size_t... I>
-std::vector<RPCFuncDesc> make_table(std::index_sequence<I...>) {
-    std::vector<RPCFuncDesc> table;
-    auto add = [&](zb::Op op, RPCServerFn fn) {
-        RPCFuncDesc d{};
-        d.name = const_cast<char *>(zb::op_name(op));
-        d.entry = fn;
-        d.params[0] = {RPC_PTR | RPC_IN, 0, const_cast<char *>("handle"), 0, 0, nullptr, {}};
-        d.params[1] = {RPC_MEM | RPC_IN, 0, const_cast<char *>("request"), 0, 0, nullptr, {}};
-        d.params[2] = {RPC_INT16 | RPC_OUT, 0, const_cast<char *>("rc"), 0, 0, nullptr, {}};
-        d.params[3] = {RPC_MEM | RPC_OUT, 0, const_cast<char *>("reply"), 0, 0, nullptr, {}};
-        table.push_back(d);
-    };
-    (add(static_cast<zb::Op>(I), &entry<static_cast<zb::Op>(I)>), ...);
-    table.push_back(RPCFuncDesc{});
-    return table;
+RPCServerFn entry_for(zb::Op op, std::index_sequence<I...>) {
+    static constexpr RPCServerFn kEntries[] = {&entry<static_cast<zb::Op>(I)>...};
+    return kEntries[static_cast<size_t>(op)];
 }
 
 std::optional<int32_t> tty_transport(HRPC h) {
@@ -153,8 +141,9 @@ void log_error(HRPC h, const char *what) {
 }  // namespace
 
 int serve_descriptor(int fd, const Config &config) {
-    static const std::vector<RPCFuncDesc> table =
-        make_table(std::make_index_sequence<static_cast<size_t>(zb::Op::Count)>());
+    static const std::vector<RPCFuncDesc> table = zb::function_table([](zb::Op op) {
+        return entry_for(op, std::make_index_sequence<static_cast<size_t>(zb::Op::Count)>());
+    });
     Session session(config);
     g_session = &session;
     HRPC h = RPCAllocHandle();
