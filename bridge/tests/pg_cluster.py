@@ -1,7 +1,8 @@
 """A throwaway PostgreSQL cluster of the tests' own: initdb and pg_ctl run as
 the postgres user (through runuser) on a temporary directory, listening on
 127.0.0.1 at a free port. Never a system cluster; stopped and deleted by
-stop(), which every exit path of the session reaches."""
+stop(), which every exit path of the session reaches. A session that
+crashed cannot: the next one stops the clusters whose owner is gone."""
 import glob
 import os
 import pwd
@@ -38,6 +39,8 @@ class PgCluster:
         self.data = os.path.join(self.dir, "data")
         self.port = _free_port()
         os.chown(self.dir, user.pw_uid, user.pw_gid)
+        with open(os.path.join(self.dir, "owner"), "w") as f:
+            f.write(str(os.getpid()))
         self._run("initdb", "-D", self.data, "-A", "trust", "-U", "postgres", "-E", "UTF8",
                   "--locale=C.UTF-8")
         options = f"-p {self.port} -k {self.dir} -c listen_addresses=127.0.0.1 -c fsync=off"
@@ -65,6 +68,22 @@ class PgCluster:
         shutil.rmtree(self.dir, ignore_errors=True)
 
 
+def _stop_orphans(bin_dir):
+    for owner in glob.glob(os.path.join(tempfile.gettempdir(), "zephodbc-pg-*", "owner")):
+        try:
+            with open(owner) as f:
+                os.kill(int(f.read()), 0)
+            continue  # its session still runs
+        except ProcessLookupError:
+            pass
+        except (OSError, ValueError):
+            continue
+        orphan = PgCluster.__new__(PgCluster)
+        orphan.bin, orphan.dir = bin_dir, os.path.dirname(owner)
+        orphan.data = os.path.join(orphan.dir, "data")
+        orphan.stop()
+
+
 def start():
     """A running cluster, or the reason there is none."""
     bin_dir = _bin_dir()
@@ -76,4 +95,5 @@ def start():
         user = pwd.getpwnam("postgres")
     except KeyError:
         return None, "there is no postgres user"
+    _stop_orphans(bin_dir)
     return PgCluster(bin_dir, user), None
