@@ -1,5 +1,8 @@
 #include "protocol/protocol.h"
 
+#include <cstdlib>
+#include <cstring>
+
 namespace zb {
 
 const char *op_name(Op op) {
@@ -30,6 +33,16 @@ std::vector<RPCFuncDesc> function_table(RPCServerFn (*entry_for)(Op)) {
     }
     table.push_back(RPCFuncDesc{});
     return table;
+}
+
+bool put_reply(RPCMemDesc &reply, const std::vector<uint8_t> &bytes) {
+    std::free(reply.value);
+    reply.value = std::malloc(bytes.empty() ? 1 : bytes.size());
+    reply.length = 0;
+    if (reply.value == nullptr) return false;
+    std::memcpy(reply.value, bytes.data(), bytes.size());
+    reply.length = static_cast<int32_t>(bytes.size());
+    return true;
 }
 
 }  // namespace zb

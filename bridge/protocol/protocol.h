@@ -57,6 +57,11 @@ const char *op_name(Op op);
 // above, each served by entry_for(op); ends with the empty descriptor.
 std::vector<RPCFuncDesc> function_table(RPCServerFn (*entry_for)(Op));
 
+// Hands a served call's reply bytes to the library through its reply
+// parameter, in a fresh malloc'd buffer the library frees once it is sent.
+// False, with an empty reply, when memory is short.
+bool put_reply(RPCMemDesc &reply, const std::vector<uint8_t> &bytes);
+
 // Catalog functions carried by Op::Catalog.
 enum class CatalogFn : int32_t {
     Tables = 1,

@@ -104,16 +104,7 @@ int32_t entry(RPCParam *args) {
     auto *reply_desc = static_cast<RPCMemDesc *>(__RPCextractarg(&cursor));
     zb::Writer reply;
     *rc_slot = run(op, handle, *request, reply);
-    // The library frees this buffer once the reply is sent.
-    std::free(reply_desc->value);
-    reply_desc->value = std::malloc(reply.size() > 0 ? reply.size() : 1);
-    if (reply_desc->value == nullptr) {
-        *rc_slot = SQL_ERROR;
-        reply_desc->length = 0;
-        return 0;
-    }
-    std::memcpy(reply_desc->value, reply.data().data(), reply.size());
-    reply_desc->length = static_cast<int32_t>(reply.size());
+    if (!zb::put_reply(*reply_desc, reply.data())) *rc_slot = SQL_ERROR;
     return 0;
 }
 

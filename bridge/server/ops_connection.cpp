@@ -14,8 +14,6 @@ std::string upper(std::string s) {
     return s;
 }
 
-// Keywords a client may not pass through: they would pick another data
-// source or driver than the one the server allows.
 // Keywords that would choose another data source, load another driver or
 // write files on this machine; and keys that are no single keyword (a key
 // holding ";" or "=" would smuggle further keywords past this check).

@@ -238,7 +238,6 @@ void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
     s.param_values.assign(specs.size(), {});
     s.param_indicators.assign(specs.size(), 0);
     std::vector<SQLUSMALLINT> status;  // of the sets processed
-    uint64_t processed = 0;
     SQLRETURN rc = SQL_SUCCESS;
     int64_t total_rows = 0;
     bool counted = false;
@@ -265,7 +264,6 @@ void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
         Outcome step;
         collect_diags(SQL_HANDLE_STMT, s.h, one, step);
         out.diags.insert(out.diags.end(), step.diags.begin(), step.diags.end());
-        ++processed;
         status.push_back(one == SQL_ERROR ? SQL_PARAM_ERROR
                       : one == SQL_SUCCESS_WITH_INFO ? SQL_PARAM_SUCCESS_WITH_INFO
                                                      : SQL_PARAM_SUCCESS);
@@ -277,7 +275,7 @@ void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
         }
     }
     out.rc = rc;
-    w.u64(processed);
+    w.u64(status.size());  // sets processed
     w.u32(static_cast<uint32_t>(status.size()));  // the driver marks the rest unused
     for (auto st : status) w.i16(static_cast<int16_t>(st));
     // Output parameters of the last set.
@@ -295,7 +293,7 @@ void op_execute(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
         shape.row_count = total_rows;
     }
     zb::put_shape(w, shape);
-    if (processed == sets && !in.done()) put_execute_extras(s, in, shape, rc == SQL_SUCCESS && sets == 1, w);
+    if (status.size() == sets && !in.done()) put_execute_extras(s, in, shape, rc == SQL_SUCCESS && sets == 1, w);
 }
 
 void op_catalog(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &out) {

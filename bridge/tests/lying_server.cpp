@@ -51,10 +51,7 @@ int32_t serve(RPCParam *args) {
     zb::Writer w;
     zb::put_diags(w, {});
     *rc = answer(op, w);
-    std::free(reply->value);  // the library frees the reply once it is sent
-    reply->value = std::malloc(w.size());
-    std::memcpy(reply->value, w.data().data(), w.size());
-    reply->length = static_cast<int32_t>(w.size());
+    if (!zb::put_reply(*reply, w.data())) *rc = SQL_ERROR;
     return 0;
 }
 
