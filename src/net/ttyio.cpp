@@ -51,6 +51,21 @@ int32_t wait_for_packet(TtyConnection &c) {
     return 0;
 }
 
+// Reads the 4-byte packet header. A stream may hand it over in pieces (a
+// sender's segment can end inside it), so this reads on until all 4 bytes
+// are in, the stream ends (the bytes read so far) or a read fails (-1).
+ssize_t read_header(int descriptor, uint8_t (&raw)[4]) {
+    std::size_t got = 0;
+    while (got < sizeof raw) {
+        ssize_t n = recv(descriptor, raw + got, sizeof raw - got, 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return -1;
+        if (n == 0) break;
+        got += static_cast<std::size_t>(n);
+    }
+    return static_cast<ssize_t>(got);
+}
+
 }  // namespace
 
 int32_t TTYterm() { return 0; }
@@ -110,10 +125,7 @@ int32_t TTYrecv(void *conn, void *buffer, uint32_t size, uint32_t *length) {
     if (wait_for_packet(c) != 0) return 1;
 
     uint8_t raw[4];
-    ssize_t got;
-    do {
-        got = recv(c.descriptor, raw, 4, 0);
-    } while (got < 0 && errno == EINTR);
+    ssize_t got = read_header(c.descriptor, raw);
     if (got != 4) {
         set_message(c, "Failed to read data \n recv(..,4,...)=%d - short read", static_cast<int>(got));
         return 1;

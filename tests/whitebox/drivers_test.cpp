@@ -201,6 +201,28 @@ TEST_F(Tty, ASignalDuringThePayloadLosesNothing) {
     EXPECT_EQ(ep->received(), payload);
 }
 
+// A stream may deliver a packet's header in pieces (a segment of a long
+// transfer can end inside it): the packet still arrives. A header cut by the
+// peer's close is a short read of what came.
+TEST_F(Tty, AHeaderInPiecesStillMakesAPacket) {
+    ASSERT_NO_FATAL_FAILURE(attach(kTty));
+    const Bytes wire = {0, 0, 0, 3, 'x', 'y', 'z'};
+    for (std::size_t cut : {1u, 2u, 3u}) {
+        ASSERT_TRUE(t::send_all(raw, wire.data(), cut));
+        std::thread rest([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the reader holds the first piece by now
+            t::send_all(raw, wire.data() + cut, wire.size() - cut);
+        });
+        EXPECT_EQ(ep->receive(), 0u) << cut << ": " << ep->error();
+        rest.join();
+        EXPECT_EQ(ep->received(), t::bytes_of("xyz")) << cut;
+    }
+    ASSERT_TRUE(t::send_all(raw, wire.data(), 2));
+    close(std::exchange(raw, -1));
+    EXPECT_EQ(ep->receive(), 1u);
+    EXPECT_EQ(ep->error(), "Failed to read data \n recv(..,4,...)=2 - short read");
+}
+
 // One small and one full-size packet.
 void pass(Endpoint &from, Endpoint &to) {
     for (const Bytes &payload : {pattern(5), pattern(5116)}) {
