@@ -37,9 +37,8 @@ std::string braced(const std::string &v) {
 void set_attr(SQLHDBC dbc, SQLINTEGER attr, bool text, int64_t value, const std::string &s,
               Outcome &out) {
     if (zb::connect_attr_is_refused(attr)) {
-        out.rc = SQL_ERROR;
-        out.diags.push_back(bridge_diag("HYC00", "connection attribute " + std::to_string(attr) +
-                                                     " is not set through the bridge"));
+        out.fail("HYC00",
+                 "connection attribute " + std::to_string(attr) + " is not set through the bridge");
         return;
     }
     SQLRETURN rc;
@@ -78,8 +77,7 @@ void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out)
     for (uint32_t n = in.count(8); n > 0; --n) {
         std::string key = in.str(), value = in.str();
         if (forbidden_keyword(key)) {
-            out.rc = SQL_ERROR;
-            out.diags.push_back(bridge_diag("08004", "keyword " + key + " is not accepted"));
+            out.fail("08004", "keyword " + key + " is not accepted");
             return;
         }
         connect += key + "=" + braced(value) + ";";
@@ -89,19 +87,16 @@ void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out)
     std::vector<int32_t> infos(in.done() ? 0 : in.count(4));
     for (auto &t : infos) t = in.i32();
     if (!s.config().busy.empty()) {
-        out.rc = SQL_ERROR;
-        out.diags.push_back(bridge_diag("08004", s.config().busy));
+        out.fail("08004", s.config().busy);
         return;
     }
     const auto &allowed = s.config().allowed_dsns;
     if (!allowed.empty() && allowed.count(dsn) == 0) {
-        out.rc = SQL_ERROR;
-        out.diags.push_back(bridge_diag("08004", "data source '" + dsn + "' is not served here"));
+        out.fail("08004", "data source '" + dsn + "' is not served here");
         return;
     }
     if (s.connection() != nullptr) {
-        out.rc = SQL_ERROR;
-        out.diags.push_back(bridge_diag("08002", "connection already open"));
+        out.fail("08002", "connection already open");
         return;
     }
     SQLRETURN rc = s.ensure_env(odbc_version);

@@ -59,8 +59,7 @@ void op_fetch(Session &session, void *obj, zb::Reader &in, zb::Writer &w, Outcom
         zb::Writer rows = std::move(session.read_on.rows);
         session.drop_read_on(&s);
         if (failed) {
-            out.rc = SQL_ERROR;
-            out.diags.push_back(bridge_diag("HY000", "rows read ahead were lost"));
+            out.fail("HY000", "rows read ahead were lost");
             return;
         }
         w.u8(1);

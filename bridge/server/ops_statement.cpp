@@ -160,9 +160,8 @@ void op_set_stmt_attr(Session &, void *obj, zb::Reader &in, zb::Writer &, Outcom
     int32_t attr = in.i32();
     int64_t value = in.i64();
     if (zb::stmt_attr_is_refused(attr)) {
-        out.rc = SQL_ERROR;
-        out.diags.push_back(bridge_diag("HYC00", "statement attribute " + std::to_string(attr) +
-                                                     " is not set through the bridge"));
+        out.fail("HYC00",
+                 "statement attribute " + std::to_string(attr) + " is not set through the bridge");
         return;
     }
     SQLRETURN rc = SQLSetStmtAttr(s.h, attr, (SQLPOINTER)(intptr_t)value, 0);
@@ -308,8 +307,7 @@ void op_catalog(Session &, void *obj, zb::Reader &in, zb::Writer &w, Outcome &ou
     n.resize(3);
     const std::optional<SQLRETURN> rc = wide_calls() ? catalog_wide(s.h, fn, t, n) : catalog(s.h, fn, t, n);
     if (!rc) {
-        out.rc = SQL_ERROR;
-        out.diags.push_back(bridge_diag("HY000", "unknown catalog function"));
+        out.fail("HY000", "unknown catalog function");
         return;
     }
     collect_diags(SQL_HANDLE_STMT, s.h, *rc, out);

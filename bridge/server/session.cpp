@@ -156,6 +156,11 @@ zb::DiagRecord bridge_diag(const char *sqlstate, const std::string &message) {
     return r;
 }
 
+void Outcome::fail(const char *sqlstate, const std::string &message) {
+    rc = SQL_ERROR;
+    diags.push_back(bridge_diag(sqlstate, message));
+}
+
 void put_result_shape(zb::Writer &w, SQLHSTMT h) { zb::put_shape(w, result_shape(h)); }
 
 zb::ResultShape result_shape(SQLHSTMT h) {

@@ -54,6 +54,9 @@ struct Config {
 struct Outcome {
     SQLRETURN rc = SQL_SUCCESS;
     std::vector<zb::DiagRecord> diags;
+
+    // The operation fails with one diagnostic of the bridge's own.
+    void fail(const char *sqlstate, const std::string &message);
 };
 
 // Rows one statement goes on reading on a thread of its own once a fetch
