@@ -121,10 +121,16 @@ std::optional<int32_t> tty_transport(HRPC h) {
     return std::nullopt;
 }
 
+// A client that closes its end between calls has left; a stream cut inside a
+// packet, or reset, is worth a line like any other failure.
+bool left_between_calls(int32_t code, const char *text) {
+    return code == RPC_ETRANSPORT && (text == nullptr || std::strstr(text, ")=0 - short read") != nullptr);
+}
+
 void log_error(HRPC h, const char *what) {
     const char *text = nullptr;
     int32_t code = RPCReportError(h, &text);
-    if (code != RPC_ETRANSPORT)  // a client that leaves is not worth a line
+    if (!left_between_calls(code, text))
         fprintf(stderr, "zephodbc-server[%d]: %s: error %d: %s\n", getpid(), what, code,
                 text != nullptr ? text : "");
 }
