@@ -1,6 +1,9 @@
 // The library-facing side of the server: the exported function table, the
 // one entry point every operation goes through, and the serving loop.
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -135,12 +138,28 @@ void log_error(HRPC h, const char *what) {
                 text != nullptr ? text : "");
 }
 
+// A client whose machine vanished, or that stops taking its replies, must
+// not hold a child (and the target's open transaction) for ever: TCP probes
+// a connection idle for a minute and gives up on a peer that stays silent,
+// or leaves sent data unacknowledged, for two. Fails harmlessly on a
+// descriptor that is not a TCP socket.
+void watch_peer(int fd) {
+    const int on = 1, idle_s = 60, interval_s = 10, probes = 6;
+    const unsigned int unacknowledged_ms = 120000;
+    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle_s, sizeof idle_s);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &interval_s, sizeof interval_s);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+    setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &unacknowledged_ms, sizeof unacknowledged_ms);
+}
+
 }  // namespace
 
 int serve_descriptor(int fd, const Config &config) {
     static const std::vector<RPCFuncDesc> table = zb::function_table([](zb::Op op) {
         return entry_for(op, std::make_index_sequence<static_cast<size_t>(zb::Op::Count)>());
     });
+    watch_peer(fd);
     Session session(config);
     g_session = &session;
     HRPC h = RPCAllocHandle();

@@ -104,6 +104,36 @@ def test_client_killed_mid_transaction_leaves_nothing(setup):
     assert still_serves(setup)
 
 
+def keepalive_seconds(port):
+    """Seconds left on the keepalive timers of the established loopback
+    sockets whose local port is the given one (None: no such timer)."""
+    found = []
+    with open("/proc/net/tcp") as f:
+        for line in list(f)[1:]:
+            fields = line.split()
+            local, state, timer = fields[1], fields[3], fields[5]
+            if int(local.split(":")[1], 16) == port and state == "01":
+                kind, when = timer.split(":")
+                found.append(int(when, 16) / os.sysconf("SC_CLK_TCK") if kind == "02" else None)
+    return found
+
+
+def test_an_idle_client_connection_is_probed_within_a_minute(setup):
+    # A client whose machine vanishes must not hold its child and the
+    # target's transaction for ever: the server's side of each connection
+    # probes the peer after a minute of silence (the system default is two hours).
+    conn = setup.connect("bridge")
+    conn.execute("select 1").fetchall()
+    try:
+        # Until the client acknowledges the last reply the timer shown is the
+        # retransmission one.
+        assert wait_until(lambda: None not in keepalive_seconds(setup.server.port), 5)
+        timers = keepalive_seconds(setup.server.port)
+        assert len(timers) == 1 and 0 < timers[0] <= 60, timers
+    finally:
+        conn.close()
+
+
 def test_data_sources_outside_the_allowed_list_are_refused(setup):
     server = Server("--allow-dsn", "elsewhere")
     try:
