@@ -51,19 +51,24 @@ int32_t wait_for_packet(TtyConnection &c) {
     return 0;
 }
 
-// Reads the 4-byte packet header. A stream may hand it over in pieces (a
-// sender's segment can end inside it), so this reads on until all 4 bytes
-// are in, the stream ends (the bytes read so far) or a read fails (-1).
-ssize_t read_header(int descriptor, uint8_t (&raw)[4]) {
+// Reads until `size` bytes are in, the stream ends or a read fails, retrying
+// reads a signal interrupted: a stream may hand bytes over in any pieces (a
+// sender's segment can end inside a header). Returns the bytes read; `error`
+// is the failed read's errno, 0 when all came or the stream ended.
+std::size_t read_fully(int descriptor, uint8_t *buffer, std::size_t size, int &error) {
     std::size_t got = 0;
-    while (got < sizeof raw) {
-        ssize_t n = recv(descriptor, raw + got, sizeof raw - got, 0);
+    error = 0;
+    while (got < size) {
+        ssize_t n = recv(descriptor, buffer + got, size - got, 0);
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return -1;
+        if (n < 0) {
+            error = errno;
+            break;
+        }
         if (n == 0) break;
         got += static_cast<std::size_t>(n);
     }
-    return static_cast<ssize_t>(got);
+    return got;
 }
 
 }  // namespace
@@ -125,9 +130,11 @@ int32_t TTYrecv(void *conn, void *buffer, uint32_t size, uint32_t *length) {
     if (wait_for_packet(c) != 0) return 1;
 
     uint8_t raw[4];
-    ssize_t got = read_header(c.descriptor, raw);
-    if (got != 4) {
-        set_message(c, "Failed to read data \n recv(..,4,...)=%d - short read", static_cast<int>(got));
+    int error = 0;
+    const std::size_t got = read_fully(c.descriptor, raw, sizeof raw, error);
+    if (got != sizeof raw) {
+        set_message(c, "Failed to read data \n recv(..,4,...)=%d - short read",
+                    error != 0 ? -1 : static_cast<int>(got));
         return 1;
     }
     uint32_t header;
@@ -153,23 +160,13 @@ int32_t TTYrecv(void *conn, void *buffer, uint32_t size, uint32_t *length) {
     // Only the caller's buffer is filled; the rest of a longer packet stays in
     // the stream for the caller to deal with.
     auto *base = static_cast<uint8_t *>(buffer);
-    int32_t pos = 0;
-    while (remaining > 0) {
-        ssize_t n = recv(c.descriptor, base + pos, static_cast<std::size_t>(remaining), 0);
-        if (n == 0) return 1;  // end of stream inside the payload
-        if (n < 0) {
-            // A signal only interrupts the wait; any other error ends the
-            // receive (going on would hand back a corrupted payload).
-            int err = errno;
-            if (err == EINTR) continue;
-            set_message(c, "Failed to read data \n recv(..,%d,...)=%d - errno=%d(%s)\n",
-                        static_cast<int>(remaining), static_cast<int>(n), err,
-                        ErrorText(err).get());
-            return 1;
-        }
-        pos += static_cast<int32_t>(n);
-        remaining -= static_cast<int32_t>(n);
+    const std::size_t got_payload = read_fully(c.descriptor, base, static_cast<std::size_t>(remaining), error);
+    if (error != 0) {  // going on would hand back a corrupted payload
+        set_message(c, "Failed to read data \n recv(..,%d,...)=%d - errno=%d(%s)\n",
+                    remaining - static_cast<int32_t>(got_payload), -1, error, ErrorText(error).get());
+        return 1;
     }
+    if (got_payload < static_cast<std::size_t>(remaining)) return 1;  // end of stream inside the payload
     return 0;
 }
 
