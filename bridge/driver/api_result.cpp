@@ -209,7 +209,7 @@ SQLRETURN fetch(Stmt &s, bool scroll, SQLSMALLINT orientation, SQLLEN offset) {
         w.i16(b.c_type);
         w.i64(b.length);
     }
-    const zb::ReadAheadPlan plan = s.ahead.plan(!s.columns.empty());
+    const zb::ReadAheadPlan plan = s.ahead.plan(bound);
     if (one_row) zb::put_plan(w, plan);
     Reply r = call(s, zb::Op::Fetch, w);
     SQLRETURN rc = adopt(s, r);

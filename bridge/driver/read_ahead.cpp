@@ -1,9 +1,21 @@
 #include "driver/read_ahead.h"
 
+#include <algorithm>
 #include <span>
 
 namespace zbd {
 namespace {
+
+// Whether a row read with `requests`, the columns `bound` bound, reads each
+// of its `columns` columns.
+bool reads_every_column(const std::vector<zb::DataRequest> &requests, size_t columns, const BoundKey &bound) {
+    std::vector<bool> read(columns + 1, false);
+    for (const auto &r : requests)
+        if (r.column > 0 && static_cast<size_t>(r.column) <= columns) read[r.column] = true;
+    for (const auto &b : bound)
+        if (std::get<0>(b) > 0 && static_cast<size_t>(std::get<0>(b)) <= columns) read[std::get<0>(b)] = true;
+    return std::find(read.begin() + 1, read.end(), false) == read.end();
+}
 
 // A value held in the block: where its bytes are, not a copy.
 HeldValue held_value(SQLLEN indicator, std::span<const uint8_t> b, const uint8_t *base) {
@@ -47,10 +59,12 @@ void ReadAhead::end_row() {
     first_row_ = false;
 }
 
-zb::ReadAheadPlan ReadAhead::plan(bool bound) const {
+zb::ReadAheadPlan ReadAhead::plan(const BoundKey &bound) const {
     zb::ReadAheadPlan p;
     p.requests = requests_;
-    p.max_rows = !requests_.empty() || bound ? zb::kReadAheadRows : 1;
+    const bool reads_on = first_row_ ? reads_every_column(requests_, shape_.size(), bound)
+                                     : !requests_.empty() || !bound.empty();
+    p.max_rows = reads_on ? zb::kReadAheadRows : 1;
     p.byte_budget = zb::kReadAheadBytes;
     return p;
 }
@@ -59,14 +73,15 @@ std::optional<zb::ReadAheadPlan> ReadAhead::execute_plan(const ShapeKey &shape) 
     auto known = first_reads_.find(shape);
     if (shape.empty() || known == first_reads_.end() || !known->second.plain || known->second.requests.empty())
         return std::nullopt;
-    return zb::ReadAheadPlan{known->second.requests, zb::kReadAheadRows, zb::kReadAheadBytes};
+    const auto &requests = known->second.requests;
+    const uint32_t rows = reads_every_column(requests, shape.size(), {}) ? zb::kReadAheadRows : 1;
+    return zb::ReadAheadPlan{requests, rows, zb::kReadAheadBytes};
 }
 
 const HeldRow *ReadAhead::next_row(bool plain) {
     end_row();
     if (first_row_) first_plain_ = plain;
     row_current_ = true;
-    served_ = 0;
     on_held_ = next_ < rows_.size();
     if (!on_held_) {
         rows_.clear();
@@ -128,7 +143,6 @@ void ReadAhead::take(std::vector<uint8_t> bytes, zb::Reader &in, const BoundKey 
     take_list(in, plan);
     next_ = 1;
     on_held_ = true;
-    served_ = 0;
 }
 
 void ReadAhead::take_rows(std::vector<uint8_t> bytes, zb::Reader &in, const zb::ReadAheadPlan &plan,
@@ -145,7 +159,6 @@ void ReadAhead::take_rows(std::vector<uint8_t> bytes, zb::Reader &in, const zb::
 const HeldRow *ReadAhead::first_row() {
     if (rows_.empty()) return nullptr;
     row_current_ = true;
-    served_ = 0;
     on_held_ = true;
     next_ = 1;
     return &rows_.front();
@@ -159,14 +172,20 @@ void ReadAhead::reading_on(bool on, const zb::ReadAheadPlan &plan, const BoundKe
 ReadAhead::Answer ReadAhead::answer(const zb::DataRequest &r, const HeldCall *&call) {
     if (!on_held_) return Answer::Live;
     const HeldRow &row = rows_[next_ - 1];
-    if (served_ < row.calls) {
-        const HeldCall &held = calls_[row.first_call + served_];
-        if (!(held.request == r)) return Answer::Lost;
-        ++served_;
-        call = &held;
+    const std::span<HeldCall> held(calls_.data() + row.first_call, row.calls);
+    auto match = std::find_if(held.begin(), held.end(), [&](const HeldCall &c) { return !c.served && c.request == r; });
+    if (match != held.end()) {
+        match->served = true;
+        call = &*match;
         return Answer::Held;
     }
-    return next_ == rows_.size() && !read_on_by_ ? Answer::Live : Answer::Lost;
+    if (next_ != rows_.size() || read_on_by_) return Answer::Lost;  // the server has read past this row
+    // The target has read this column for a held call the application has
+    // not made: it can no longer answer as it would have.
+    const bool column_taken = std::any_of(held.begin(), held.end(), [&](const HeldCall &c) {
+        return !c.served && c.request.column == r.column;
+    });
+    return column_taken ? Answer::Lost : Answer::Live;
 }
 
 void ReadAhead::record(const zb::DataRequest &r, SQLRETURN rc) { made_.emplace_back(r, rc); }

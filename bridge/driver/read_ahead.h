@@ -35,6 +35,7 @@ struct HeldCall {
     SQLRETURN rc = SQL_SUCCESS;
     std::vector<zb::DiagRecord> diags;
     HeldValue value;
+    bool served = false;  // the application has made this call
 };
 
 struct HeldRow {
@@ -71,8 +72,11 @@ public:
     void new_result(const ShapeKey &next_shape);
     void close_result() { new_result(shape_); }
 
-    // The plan for a live fetch of a one-row rowset, some columns bound or none.
-    zb::ReadAheadPlan plan(bool bound) const;
+    // The plan for a live fetch of a one-row rowset, the columns `bound`
+    // bound. A result's first row is read past only when the plan reads
+    // every column: any other guess may miss what the application asks of
+    // that row, and the server's cursor must still be on it then.
+    zb::ReadAheadPlan plan(const BoundKey &bound) const;
     // The plan for an execute expected to open a result of `shape`, if any.
     std::optional<zb::ReadAheadPlan> execute_plan(const ShapeKey &shape) const;
     // Takes a row list from the first row: what an execute sent with `plan`
@@ -109,7 +113,10 @@ public:
 
     enum class Answer { Held, Live, Lost };
     // Where a SQLGetData request is answered; for Held, `call` is set and the
-    // call counts as made.
+    // call counts as made. A held call answers its request in any order: it
+    // holds what the target returned for it. Anything else goes live on the
+    // row the server's cursor is on, unless a held call not yet answered read
+    // that column.
     Answer answer(const zb::DataRequest &r, const HeldCall *&call);
     // Every SQLGetData the application made, with its return code.
     void record(const zb::DataRequest &r, SQLRETURN rc);
@@ -128,7 +135,6 @@ private:
     bool row_current_ = false;        // a fetch has made a row current
     std::optional<std::pair<zb::ReadAheadPlan, BoundKey>> read_on_by_;  // see reading_on()
     BoundKey bound_;
-    size_t served_ = 0;               // held calls of the current row answered
     std::vector<std::pair<zb::DataRequest, SQLRETURN>> made_;  // on the current row
     std::vector<zb::DataRequest> requests_;                    // of the row before
     bool first_row_ = true;
