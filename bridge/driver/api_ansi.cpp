@@ -205,6 +205,15 @@ ZBD_EXPORT SQLRETURN SQLCloseCursor(SQLHSTMT h) {
 
 ZBD_EXPORT SQLRETURN SQLCancel(SQLHSTMT h) {
     Stmt *s = stmt_of(h);
+    if (s == nullptr) return SQL_INVALID_HANDLE;
+    std::unique_lock<std::recursive_mutex> idle(*s->lock, std::try_to_lock);
+    if (!idle.owns_lock()) {
+        // Another thread's call holds the connection. No diagnostics: the
+        // statement's belong to that call.
+        const SQLRETURN rc = cancel_from_outside(*s->dbc, s->remote);
+        if (rc != SQL_NO_DATA) return rc == SQL_SUCCESS ? SQL_SUCCESS : SQL_ERROR;
+        idle.lock();  // another statement's call: this one is cancelled as an idle one
+    }
     return guarded(s, [&]() -> SQLRETURN { return cancel(*s); });
 }
 

@@ -60,6 +60,12 @@ SQLRETURN open_remote(Dbc &dbc, const Settings &s) {
             auto value = r.in.bytes();
             if (info_rc == SQL_SUCCESS) dbc.info[type] = {info_rc, {value.begin(), value.end()}};
         }
+        if (!r.in.done() && r.in.u8() != 0) {
+            CancelKey key;
+            key.pid = r.in.i32();
+            for (auto &b : key.secret) b = r.in.u8();
+            dbc.cancel_key = key;
+        }
     }
     if (!SQL_SUCCEEDED(rc) || dbc.remote == 0) {
         close_transport(dbc);
@@ -231,6 +237,7 @@ SQLRETURN end_tran(SQLSMALLINT type, SQLHANDLE h, SQLSMALLINT completion) {
         auto *env = static_cast<Env *>(h);
         SQLRETURN rc = SQL_SUCCESS;
         for (Dbc *dbc : env->connections) {
+            std::lock_guard<std::recursive_mutex> one_at_a_time(*dbc->lock);
             if (!dbc->connected()) continue;
             dbc->diag.clear();
             if (end_tran(SQL_HANDLE_DBC, dbc, completion) == SQL_ERROR) rc = SQL_ERROR;

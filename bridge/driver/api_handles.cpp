@@ -50,6 +50,8 @@ SQLRETURN free_handle(SQLSMALLINT type, SQLHANDLE h) {
     }
     case SQL_HANDLE_DBC: {
         Dbc *dbc = as<Dbc>(h, Kind::Dbc);
+        if (dbc == nullptr) return SQL_INVALID_HANDLE;
+        std::lock_guard<std::recursive_mutex> environment(*dbc->env->lock);
         return guarded(dbc, [&]() -> SQLRETURN {
             if (dbc->rpc != nullptr) return add_diag(*dbc, "HY010", "Function sequence error");
             dbc->env->connections.erase(dbc);

@@ -2,6 +2,7 @@
 // return code: no exception leaves the driver.
 #pragma once
 
+#include <mutex>
 #include <new>
 #include <stdexcept>
 
@@ -9,11 +10,14 @@
 
 namespace zbd {
 
-// Runs body for handle h (cleared of the previous call's diagnostics).
+// Runs body for handle h (cleared of the previous call's diagnostics), with
+// the calls on its connection (or environment) held off.
 // REQUIRES: h is a live handle of the kind the entry point takes, or null.
 template <typename Body>
 SQLRETURN guarded(Handle *h, Body &&body) {
     if (h == nullptr) return SQL_INVALID_HANDLE;
+    const CallLock lock = h->lock;  // a free of h leaves it to us
+    std::lock_guard<std::recursive_mutex> one_at_a_time(*lock);
     h->diag.clear();
     try {
         return body();  // h may be gone now (a free)

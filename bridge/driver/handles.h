@@ -9,8 +9,11 @@
 #include <sql.h>
 #include <sqlext.h>
 
+#include <array>
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -38,10 +41,23 @@ struct Diagnostics {
     }
 };
 
+// Calls on one connection (its statements and descriptors included) run one
+// at a time: the driver manager leaves that to drivers. An environment has a
+// lock of its own; a connection's is taken before its environment's.
+using CallLock = std::shared_ptr<std::recursive_mutex>;
+
 struct Handle {
-    explicit Handle(Kind k) : kind(k) {}
+    explicit Handle(Kind k, CallLock l = std::make_shared<std::recursive_mutex>())
+        : kind(k), lock(std::move(l)) {}
     Kind kind;
+    CallLock lock;
     Diagnostics diag;
+};
+
+// What a second connection shows the server to cancel this one's call.
+struct CancelKey {
+    int32_t pid = 0;
+    std::array<uint8_t, 16> secret{};
 };
 
 struct Dbc;
@@ -65,6 +81,8 @@ struct Dbc : Handle {
     Env *env;
     HRPC rpc = nullptr;
     uint64_t remote = 0;  // the server's connection
+    std::string host, port;  // of the server
+    std::optional<CancelKey> cancel_key;  // none: the server cannot cancel from outside
     bool broken = false;  // the transport failed: only disconnect helps
     bool wide = false;    // the application connected through the wide entry points
     // SQL_ATTR_QUIET_MODE: a window of the application's, no use to a server.
@@ -93,7 +111,7 @@ struct Dbc : Handle {
 // An implicit descriptor: only its handle is served (applications ask for it
 // and hand it back); its fields are the statement's.
 struct Desc : Handle {
-    Desc(Stmt *s, SQLINTEGER w) : Handle(Kind::Desc), stmt(s), which(w) {}
+    Desc(Stmt *s, SQLINTEGER w);
     Stmt *stmt;
     SQLINTEGER which;  // SQL_ATTR_APP_ROW_DESC, ...
 };
@@ -122,7 +140,7 @@ struct CachedAttribute {
 
 struct Stmt : Handle {
     explicit Stmt(Dbc *d)
-        : Handle(Kind::Stmt), dbc(d), ard(this, SQL_ATTR_APP_ROW_DESC),
+        : Handle(Kind::Stmt, d->lock), dbc(d), ard(this, SQL_ATTR_APP_ROW_DESC),
           apd(this, SQL_ATTR_APP_PARAM_DESC), ird(this, SQL_ATTR_IMP_ROW_DESC),
           ipd(this, SQL_ATTR_IMP_PARAM_DESC), ahead(d->first_reads) {}
     Dbc *dbc;
@@ -174,5 +192,7 @@ T *as(SQLHANDLE h, Kind k) {
     auto *base = static_cast<Handle *>(h);
     return base != nullptr && base->kind == k ? static_cast<T *>(base) : nullptr;
 }
+
+inline Desc::Desc(Stmt *s, SQLINTEGER w) : Handle(Kind::Desc, s->lock), stmt(s), which(w) {}
 
 }  // namespace zbd

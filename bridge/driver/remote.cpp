@@ -57,35 +57,64 @@ SQLRETURN add_diag(Handle &h, const char *sqlstate, const std::string &message, 
     return rc;
 }
 
-SQLRETURN open_transport(Dbc &dbc, const std::string &host, const std::string &port) {
-    std::string failure;
-    int32_t code = 0;
+namespace {
+
+void free_library_handle(HRPC h) {
+    RPCDisconnect(h);
+    std::lock_guard<std::mutex> lock(g_library_lock);
+    RPCTerminate(h);
+    RPCFreeHandle(h);
+}
+
+// A library handle connected to the server at host:port, or null with the
+// failure's text and code.
+HRPC connect_to_server(const std::string &host, const std::string &port, int timeout_s,
+                       std::string &failure, int32_t &code) {
+    HRPC h;
     {
         std::lock_guard<std::mutex> lock(g_library_lock);
-        dbc.rpc = RPCAllocHandle();
-        if (dbc.rpc == nullptr) return add_diag(dbc, "HY001", "out of memory");
-        if (RPCInitialise(dbc.rpc, RPC_MODE_CLIENT, 0) != 0) failure = library_error(dbc.rpc);
+        h = RPCAllocHandle();
+        if (h == nullptr) {
+            failure = "out of memory";
+            return nullptr;
+        }
+        if (RPCInitialise(h, RPC_MODE_CLIENT, 0) != 0) failure = library_error(h);
     }
-    int32_t transport = failure.empty() ? bsd_transport(dbc.rpc) : -1;
+    int32_t transport = failure.empty() ? bsd_transport(h) : -1;
     if (failure.empty() &&
-        (transport < 0 || RPCSetTransportOpts(dbc.rpc, transport, host.c_str(), port.c_str(),
-                                              nullptr, nullptr, nullptr, nullptr, nullptr) != 0))
-        failure = library_error(dbc.rpc);
+        (transport < 0 || RPCSetTransportOpts(h, transport, host.c_str(), port.c_str(), nullptr,
+                                              nullptr, nullptr, nullptr, nullptr) != 0))
+        failure = library_error(h);
     if (failure.empty()) {
-        const std::string timeout = std::to_string(dbc.timeout);
-        if (dbc.timeout > 0)
-            RPCSetLowLTransportOpts(dbc.rpc, 3, RPC_LOWL_ATTEMPTS, "1", RPC_LOWL_RCVTIMEO,
-                                    timeout.c_str(), RPC_LOWL_SNDTIMEO, timeout.c_str());
+        const std::string timeout = std::to_string(timeout_s);
+        if (timeout_s > 0)
+            RPCSetLowLTransportOpts(h, 3, RPC_LOWL_ATTEMPTS, "1", RPC_LOWL_RCVTIMEO, timeout.c_str(),
+                                    RPC_LOWL_SNDTIMEO, timeout.c_str());
         else
-            RPCSetLowLTransportOpts(dbc.rpc, 1, RPC_LOWL_ATTEMPTS, "1");
-        if (RPCConnect(dbc.rpc, zb::kProtocolVersion, zb::kProtocolRevision, zb::kProtocolName) != 0) {
+            RPCSetLowLTransportOpts(h, 1, RPC_LOWL_ATTEMPTS, "1");
+        if (RPCConnect(h, zb::kProtocolVersion, zb::kProtocolRevision, zb::kProtocolName) != 0) {
             const char *text = nullptr;
-            code = RPCReportError(dbc.rpc, &text);
+            code = RPCReportError(h, &text);
             failure = text != nullptr ? text : "unknown error";
         }
     }
-    if (failure.empty()) return SQL_SUCCESS;
-    close_transport(dbc);
+    if (failure.empty()) return h;
+    free_library_handle(h);
+    return nullptr;
+}
+
+}  // namespace
+
+SQLRETURN open_transport(Dbc &dbc, const std::string &host, const std::string &port) {
+    std::string failure;
+    int32_t code = 0;
+    dbc.rpc = connect_to_server(host, port, dbc.timeout, failure, code);
+    if (dbc.rpc != nullptr) {
+        dbc.host = host;
+        dbc.port = port;
+        return SQL_SUCCESS;
+    }
+    if (failure == "out of memory") return add_diag(dbc, "HY001", failure);
     if (code == RPC_BADVER || code == RPC_BADUID)
         return add_diag(dbc, "08001",
                         "bridge protocol version mismatch: this driver speaks version " +
@@ -96,12 +125,32 @@ SQLRETURN open_transport(Dbc &dbc, const std::string &host, const std::string &p
 
 void close_transport(Dbc &dbc) {
     if (dbc.rpc == nullptr) return;
-    RPCDisconnect(dbc.rpc);
-    std::lock_guard<std::mutex> lock(g_library_lock);
-    RPCTerminate(dbc.rpc);
-    RPCFreeHandle(dbc.rpc);
+    free_library_handle(dbc.rpc);
     dbc.rpc = nullptr;
     dbc.remote = 0;
+    dbc.cancel_key.reset();
+}
+
+SQLRETURN cancel_from_outside(const Dbc &dbc, uint64_t statement) {
+    if (!dbc.cancel_key) return SQL_ERROR;
+    std::string failure;
+    int32_t code = 0;
+    HRPC h = connect_to_server(dbc.host, dbc.port, dbc.timeout, failure, code);
+    if (h == nullptr) return SQL_ERROR;
+    zb::Writer w;
+    w.i32(dbc.cancel_key->pid);
+    for (uint8_t b : dbc.cancel_key->secret) w.u8(b);
+    w.u64(statement);
+    RPCMemDesc in{};
+    in.value = w.data().data();
+    in.length = static_cast<int32_t>(w.size());
+    RPCMemDesc out{};
+    int16_t rc = SQL_ERROR;
+    log_call(zb::Op::CancelCall);
+    if (RPCExec(h, zb::op_name(zb::Op::CancelCall), nullptr, &in, &rc, &out) != 0) rc = SQL_ERROR;
+    std::free(out.value);
+    free_library_handle(h);
+    return rc;
 }
 
 Reply call(Dbc &dbc, zb::Op op, uint64_t handle, zb::Writer &request) {

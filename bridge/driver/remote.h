@@ -22,6 +22,13 @@ struct Reply {
 SQLRETURN open_transport(Dbc &dbc, const std::string &host, const std::string &port);
 void close_transport(Dbc &dbc);
 
+// Asks the server, over a connection of its own, to cancel the call running
+// on statement (its server-side handle) while dbc's connection waits for it:
+// SQL_SUCCESS when asked, SQL_NO_DATA when that statement has no call
+// running, SQL_ERROR when the server cannot be reached or cannot cancel.
+// Touches nothing in dbc but what connecting set.
+SQLRETURN cancel_from_outside(const Dbc &dbc, uint64_t statement);
+
 // Calls op on the server for the server-side handle. A transport failure
 // marks dbc broken and yields SQL_ERROR with 08S01. The reply's diagnostics
 // are not yet stored anywhere; see adopt().

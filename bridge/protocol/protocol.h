@@ -42,7 +42,8 @@ inline constexpr const char *kProtocolName = "zephodbc";
     X(GetData, "zb_get_data")                                                         \
     X(ColAttribute, "zb_col_attribute")                                               \
     X(MoreResults, "zb_more_results")                                                 \
-    X(Cancel, "zb_cancel")
+    X(Cancel, "zb_cancel")                                                            \
+    X(CancelCall, "zb_cancel_call")      /* another connection's running call */
 
 enum class Op : int {
 #define ZB_ENUM(id, name) id,

@@ -12,6 +12,7 @@
 
 #include <zephrpc.h>
 
+#include "server/cancel.h"
 #include "server/ops.h"
 #include "server/rows.h"
 
@@ -50,6 +51,7 @@ OpInfo info_for(zb::Op op) {
     case Op::ColAttribute: return {op_col_attribute, Target::Statement};
     case Op::MoreResults: return {op_more_results, Target::Statement};
     case Op::Cancel: return {op_cancel, Target::Statement};
+    case Op::CancelCall: return {op_cancel_call, Target::None};
     case Op::Count: break;
     }
     return {nullptr, Target::None};
@@ -87,6 +89,11 @@ SQLRETURN run(zb::Op op, void *handle, const RPCMemDesc &request, zb::Writer &re
         zb::Reader in(request.value, request.value != nullptr && request.length > 0
                                          ? static_cast<size_t>(request.length)
                                          : 0);
+        // A statement's call may be cancelled from outside while it runs;
+        // not while the statement is being freed.
+        std::optional<RunningCall> running;
+        if (info.target == Target::Statement && op != zb::Op::FreeStmt)
+            running.emplace(reinterpret_cast<uintptr_t>(handle), static_cast<Statement *>(object)->h);
         info.handler(*g_session, object, in, payload, out);
     } catch (const std::exception &e) {
         out.rc = SQL_ERROR;
@@ -160,6 +167,7 @@ int serve_descriptor(int fd, const Config &config) {
         return entry_for(op, std::make_index_sequence<static_cast<size_t>(zb::Op::Count)>());
     });
     watch_peer(fd);
+    if (config.busy.empty()) claim_cancel_key();
     Session session(config);
     g_session = &session;
     HRPC h = RPCAllocHandle();
@@ -189,6 +197,7 @@ int serve_descriptor(int fd, const Config &config) {
         log_error(h, "setup");
     }
     session.close_all();
+    release_cancel_key();
     g_session = nullptr;
     RPCTerminate(h);
     RPCFreeHandle(h);

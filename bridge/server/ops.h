@@ -30,6 +30,7 @@ ZBS_HANDLER(op_get_data);
 ZBS_HANDLER(op_col_attribute);
 ZBS_HANDLER(op_more_results);
 ZBS_HANDLER(op_cancel);
+ZBS_HANDLER(op_cancel_call);
 #undef ZBS_HANDLER
 
 }  // namespace zbs

@@ -3,6 +3,7 @@
 #include <cctype>
 
 #include "protocol/odbc_kinds.h"
+#include "server/cancel.h"
 #include "server/ops.h"
 #include "server/wide.h"
 
@@ -138,6 +139,13 @@ void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out)
         w.i32(type);
         w.i16(info_rc);
         w.data().insert(w.data().end(), value.data().begin(), value.data().end());
+    }
+    // What a second connection needs to cancel this one's running call.
+    const auto &key = current_cancel_key();
+    w.u8(key.has_value());
+    if (key) {
+        w.i32(key->pid);
+        for (uint8_t b : key->secret) w.u8(b);
     }
 }
 

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "protocol/odbc_kinds.h"
+#include "server/cancel.h"
 #include "server/ops.h"
 #include "server/rows.h"
 #include "server/wide.h"
@@ -337,6 +338,20 @@ void op_more_results(Session &, void *obj, zb::Reader &, zb::Writer &w, Outcome 
 void op_cancel(Session &, void *obj, zb::Reader &, zb::Writer &, Outcome &out) {
     Statement &s = stmt(obj);
     collect_diags(SQL_HANDLE_STMT, s.h, SQLCancel(s.h), out);
+}
+
+// SQL_SUCCESS: the call was asked to stop; SQL_NO_DATA: the statement has no
+// call running.
+void op_cancel_call(Session &, void *, zb::Reader &in, zb::Writer &, Outcome &out) {
+    CancelKey key;
+    key.pid = in.i32();
+    for (auto &b : key.secret) b = in.u8();
+    const uint64_t statement = in.u64();
+    switch (request_cancel(key, statement)) {
+    case CancelResult::Signalled: break;
+    case CancelResult::NotRunning: out.rc = SQL_NO_DATA; break;
+    case CancelResult::UnknownKey: out.fail("HY000", "no connection of this server holds that cancel key");
+    }
 }
 
 }  // namespace zbs

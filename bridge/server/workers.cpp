@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "server/cancel.h"
+
 namespace zbs {
 namespace {
 
@@ -93,6 +95,7 @@ void as_child(int listener) {
 
 Workers::Workers(int listener, const Config &config, size_t max_clients)
     : listener_(listener), config_(config), busy_(config), max_clients_(max_clients) {
+    open_cancel_board(max_clients + kIdleWorkers);
     busy_.busy = "server busy: " + std::to_string(max_clients) +
                  " clients are connected (--max-clients)";
 }
@@ -219,6 +222,7 @@ void Workers::read_channels() {
 void Workers::reap() {
     pid_t pid;
     while ((pid = waitpid(-1, nullptr, WNOHANG)) > 0) {
+        release_cancel_slot(pid);  // a child that crashed still held one
         refusers_.erase(pid);
         if (auto it = workers_.find(pid); it != workers_.end()) {
             close(it->second.channel);

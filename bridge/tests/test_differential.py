@@ -3,6 +3,7 @@ SQLite and for PostgreSQL: the results, exceptions and metadata must be
 identical."""
 import datetime
 import decimal
+import threading
 
 import pyodbc
 import pytest
@@ -251,6 +252,25 @@ def test_transactions_seen_from_a_second_connection(target):
 
     direct, bridged = target.both(scenario)
     assert bridged == direct == [[], [], [2]]
+
+
+def test_a_running_statement_cancelled_from_another_thread(target):
+    """SQLCancel while the call waits on the server: the target stops it with
+    its own error, and the connection goes on."""
+    long_query = ("with recursive c(x) as (select 1 union all select x + 1 from c where x < 2000000000) "
+                  "select count(*) from c" if target.sqlite else "select pg_sleep(120)")
+
+    def scenario(conn):
+        cur = conn.cursor()
+        canceller = threading.Timer(0.5, cur.cancel)
+        canceller.start()
+        cancelled = outcome(lambda: cur.execute(long_query).fetchall())
+        canceller.join()
+        return cancelled, conn.cursor().execute("select 1").fetchone()[0]
+
+    direct, bridged = target.both(scenario)
+    assert bridged == direct
+    assert direct[0][0] != "ok"
 
 
 def test_catalog_functions(target):

@@ -1,0 +1,59 @@
+// Cancelling a call the client is still waiting on.
+//
+// An application cancels a running statement with SQLCancel from a second
+// thread. The client's connection is busy with that call, so the driver
+// opens a short connection of its own and sends zb_cancel_call with the key
+// the child serving it gave at connect. Whichever process serves that
+// request finds the child on a board in memory that the listening server
+// shares with every process it forks, and signals it (SIGUSR2); a thread of
+// the child waits for the signal and calls the target's SQLCancel on the
+// statement, if its call is still running.
+//
+// Without a board (inetd mode) no key is given and nothing can be cancelled
+// from outside.
+#pragma once
+
+#include <sql.h>
+#include <sys/types.h>
+
+#include <array>
+#include <cstdint>
+#include <optional>
+
+namespace zbs {
+
+struct CancelKey {
+    int32_t pid = 0;
+    std::array<uint8_t, 16> secret{};
+};
+
+// Parent, before forking: room for `slots` children serving at once.
+void open_cancel_board(size_t slots);
+// Parent, for a child that ended: its place is free again.
+void release_cancel_slot(pid_t pid);
+
+// A child starting to serve a client: blocks SIGUSR2 in this thread (threads
+// started later inherit that), starts the waiting thread once, and takes a
+// place with a fresh key. Nothing when there is no board or it is full.
+std::optional<CancelKey> claim_cancel_key();
+// The key claimed for the client being served, if any.
+const std::optional<CancelKey> &current_cancel_key();
+// The client has left: its place is free again.
+void release_cancel_key();
+
+enum class CancelResult { Signalled, NotRunning, UnknownKey };
+// Any process with the board: asks the child holding `key` to cancel the
+// call on `statement` (the handle that child issued).
+CancelResult request_cancel(const CancelKey &key, uint64_t statement);
+
+// Marks the call on a statement as running for as long as it lives: the one
+// call a request can cancel. REQUIRES: the target statement outlives it.
+class RunningCall {
+public:
+    RunningCall(uint64_t statement, SQLHSTMT target);
+    ~RunningCall();
+    RunningCall(const RunningCall &) = delete;
+    RunningCall &operator=(const RunningCall &) = delete;
+};
+
+}  // namespace zbs
