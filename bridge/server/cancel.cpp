@@ -50,8 +50,8 @@ sigset_t cancel_signal() {
 void wait_for_requests() {
     const sigset_t set = cancel_signal();
     for (;;) {
-        int signal = 0;
-        if (sigwait(&set, &signal) != 0) continue;
+        int caught = 0;
+        if (sigwait(&set, &caught) != 0) continue;
         Slot *slot = g_mine.load();
         const uint64_t wanted = slot != nullptr ? shared(slot->request).exchange(0) : 0;
         std::lock_guard<std::mutex> hold(g_running_lock);
