@@ -1,8 +1,11 @@
 #include "server/cancel.h"
 
+#include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/random.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <sqlext.h>
@@ -33,7 +36,7 @@ Slot *g_board = nullptr;
 size_t g_slots = 0;
 std::atomic<Slot *> g_mine{nullptr};  // this process's place while it serves
 std::optional<CancelKey> g_key;
-bool g_waiting = false;  // the thread that waits for requests runs
+bool g_waiting = false;  // the thread that watches runs
 
 // The running call as this process sees it; held while the target cancels.
 std::mutex g_running_lock;
@@ -47,27 +50,67 @@ sigset_t cancel_signal() {
     return set;
 }
 
-void wait_for_requests() {
-    const sigset_t set = cancel_signal();
-    for (;;) {
-        int caught = 0;
-        if (sigwait(&set, &caught) != 0) continue;
+// The client being served (under g_running_lock); -1: none.
+int g_client = -1;
+int g_wake = -1;  // eventfd: the client watched has changed
+
+// REQUIRES: g_running_lock held.
+void cancel_running(uint64_t statement) {
+    if (statement != 0 && statement == g_running) SQLCancel(g_running_target);
+}
+
+void take_requests(int signals) {
+    signalfd_siginfo info;
+    while (read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
         Slot *slot = g_mine.load();
         const uint64_t wanted = slot != nullptr ? shared(slot->request).exchange(0) : 0;
         std::lock_guard<std::mutex> hold(g_running_lock);
-        if (wanted != 0 && wanted == g_running) SQLCancel(g_running_target);
+        cancel_running(wanted);
     }
 }
 
-bool start_waiting() {
+// Waits for cancel requests and for the client to go away. A client gone
+// while a call runs has that call cancelled; gone between calls, it is the
+// serving loop's to notice, and the watch looks again shortly in case a
+// call started on what the client sent before it went.
+void watch(int signals) {
+    bool recheck = false;
+    for (;;) {
+        int client;
+        {
+            std::lock_guard<std::mutex> hold(g_running_lock);
+            client = g_client;
+        }
+        pollfd fds[3] = {{signals, POLLIN, 0}, {g_wake, POLLIN, 0}, {client, POLLRDHUP, 0}};
+        const nfds_t watched = client >= 0 && !recheck ? 3 : 2;
+        const int ready = poll(fds, watched, recheck ? 50 : -1);
+        recheck = false;
+        if (ready < 0) continue;
+        if (fds[1].revents & POLLIN) {
+            uint64_t changes;
+            [[maybe_unused]] ssize_t n = read(g_wake, &changes, sizeof changes);
+        }
+        if (fds[0].revents & POLLIN) take_requests(signals);
+        if (watched == 3 && (fds[2].revents & (POLLRDHUP | POLLHUP | POLLERR))) {
+            std::lock_guard<std::mutex> hold(g_running_lock);
+            if (g_client == client) cancel_running(g_running);
+            recheck = true;
+        }
+    }
+}
+
+bool start_watching() {
     static std::once_flag once;
     std::call_once(once, [] {
         const sigset_t set = cancel_signal();
-        pthread_sigmask(SIG_BLOCK, &set, nullptr);
+        pthread_sigmask(SIG_BLOCK, &set, nullptr);  // threads started later inherit it
+        const int signals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+        g_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (signals < 0 || g_wake < 0) return;
         try {
-            std::thread(wait_for_requests).detach();
+            std::thread(watch, signals).detach();
             g_waiting = true;
-        } catch (const std::system_error &) {  // no thread: no cancelling from outside
+        } catch (const std::system_error &) {  // no thread: nothing is cancelled from outside
         }
     });
     return g_waiting;
@@ -96,9 +139,21 @@ void release_cancel_slot(pid_t pid) {
     }
 }
 
+void watch_client(int fd) {
+    if (fd >= 0 && !start_watching()) return;
+    {
+        std::lock_guard<std::mutex> hold(g_running_lock);
+        g_client = fd;
+    }
+    if (g_wake >= 0) {
+        const uint64_t one = 1;
+        [[maybe_unused]] ssize_t n = write(g_wake, &one, sizeof one);
+    }
+}
+
 std::optional<CancelKey> claim_cancel_key() {
     release_cancel_key();
-    if (g_board == nullptr || !start_waiting()) return std::nullopt;
+    if (g_board == nullptr || !start_watching()) return std::nullopt;
     CancelKey key;
     key.pid = getpid();
     if (getrandom(key.secret.data(), key.secret.size(), 0) != static_cast<ssize_t>(key.secret.size()))

@@ -7,7 +7,8 @@
 // request finds the child on a board in memory that the listening server
 // shares with every process it forks, and signals it (SIGUSR2); a thread of
 // the child waits for the signal and calls the target's SQLCancel on the
-// statement, if its call is still running.
+// statement, if its call is still running. The same thread cancels the
+// running call of a client that has gone away.
 //
 // Without a board (inetd mode) no key is given and nothing can be cancelled
 // from outside.
@@ -32,9 +33,15 @@ void open_cancel_board(size_t slots);
 // Parent, for a child that ended: its place is free again.
 void release_cancel_slot(pid_t pid);
 
-// A child starting to serve a client: blocks SIGUSR2 in this thread (threads
-// started later inherit that), starts the waiting thread once, and takes a
-// place with a fresh key. Nothing when there is no board or it is full.
+// Watches the client on fd (-1: none) while it is served: a client that
+// goes away during a call has that call cancelled, so a query it left
+// running does not hold the target for its whole length. The first call
+// blocks SIGUSR2 in this thread (threads started later inherit that) and
+// starts the watching thread, which also takes cancel requests.
+void watch_client(int fd);
+
+// A child starting to serve a client: takes a place with a fresh key (and
+// starts the watching thread). Nothing when there is no board or it is full.
 std::optional<CancelKey> claim_cancel_key();
 // The key claimed for the client being served, if any.
 const std::optional<CancelKey> &current_cancel_key();

@@ -167,7 +167,10 @@ int serve_descriptor(int fd, const Config &config) {
         return entry_for(op, std::make_index_sequence<static_cast<size_t>(zb::Op::Count)>());
     });
     watch_peer(fd);
-    if (config.busy.empty()) claim_cancel_key();
+    if (config.busy.empty()) {
+        watch_client(fd);
+        claim_cancel_key();
+    }
     Session session(config);
     g_session = &session;
     HRPC h = RPCAllocHandle();
@@ -196,6 +199,7 @@ int serve_descriptor(int fd, const Config &config) {
     } else {
         log_error(h, "setup");
     }
+    watch_client(-1);
     session.close_all();
     release_cancel_key();
     g_session = nullptr;

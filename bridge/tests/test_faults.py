@@ -104,6 +104,40 @@ def test_client_killed_mid_transaction_leaves_nothing(setup):
     assert still_serves(setup)
 
 
+LONG_QUERY_CLIENT = """
+import sys, pyodbc
+conn = pyodbc.connect(sys.argv[1])
+print("connected", flush=True)
+conn.cursor().execute("with recursive c(x) as (select 1 union all select x + 1 from c where x < 2000000000) "
+                      "select count(*) from c").fetchall()
+"""
+
+
+def cpu_seconds(pid):
+    with open(f"/proc/{pid}/stat") as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def test_a_client_killed_mid_query_has_its_query_cancelled(setup):
+    # Otherwise the child would go on with a query nobody waits for, for
+    # minutes, holding the target and the client's place.
+    before = set(setup.server.children())
+    client = subprocess.Popen([sys.executable, "-c", LONG_QUERY_CLIENT, setup.bridge_string()],
+                              stdout=subprocess.PIPE, text=True)
+    try:
+        assert client.stdout.readline().strip() == "connected"
+        assert wait_until(lambda: len(set(setup.server.children()) - before) == 1)
+        child = (set(setup.server.children()) - before).pop()
+        assert wait_until(lambda: cpu_seconds(child) > 0.5)  # the query runs
+    finally:
+        client.kill()
+        client.wait(timeout=10)
+        client.stdout.close()
+    assert wait_until(lambda: set(setup.server.children()) <= before)
+    assert still_serves(setup)
+
+
 def keepalive_seconds(port):
     """Seconds left on the keepalive timers of the established loopback
     sockets whose local port is the given one (None: no such timer)."""
