@@ -43,7 +43,7 @@ struct Diagnostics {
 
 // Calls on one connection (its statements and descriptors included) run one
 // at a time: the driver manager leaves that to drivers. An environment has a
-// lock of its own; a connection's is taken before its environment's.
+// lock of its own, taken before any of its connections' where both are.
 using CallLock = std::shared_ptr<std::recursive_mutex>;
 
 struct Handle {

@@ -91,6 +91,7 @@ void watch(int signals) {
             [[maybe_unused]] ssize_t n = read(g_wake, &changes, sizeof changes);
         }
         if (fds[0].revents & POLLIN) take_requests(signals);
+        if (watched == 3 && (fds[2].revents & POLLNVAL)) recheck = true;  // closed before it was unwatched
         if (watched == 3 && (fds[2].revents & (POLLRDHUP | POLLHUP | POLLERR))) {
             std::lock_guard<std::mutex> hold(g_running_lock);
             if (g_client == client) cancel_running(g_running);

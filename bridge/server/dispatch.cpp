@@ -160,6 +160,27 @@ void watch_peer(int fd) {
     setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &unacknowledged_ms, sizeof unacknowledged_ms);
 }
 
+// The client, watched while it is served, and the key it gets to cancel its
+// calls from outside (not for a client that is only refused).
+class ServedClient {
+public:
+    ServedClient(int fd, const Config &config) : watched_(config.busy.empty()) {
+        if (!watched_) return;
+        watch_client(fd);
+        claim_cancel_key();
+    }
+    ~ServedClient() {
+        if (!watched_) return;
+        watch_client(-1);
+        release_cancel_key();
+    }
+    ServedClient(const ServedClient &) = delete;
+    ServedClient &operator=(const ServedClient &) = delete;
+
+private:
+    bool watched_;
+};
+
 }  // namespace
 
 int serve_descriptor(int fd, const Config &config) {
@@ -167,10 +188,7 @@ int serve_descriptor(int fd, const Config &config) {
         return entry_for(op, std::make_index_sequence<static_cast<size_t>(zb::Op::Count)>());
     });
     watch_peer(fd);
-    if (config.busy.empty()) {
-        watch_client(fd);
-        claim_cancel_key();
-    }
+    const ServedClient served(fd, config);
     Session session(config);
     g_session = &session;
     HRPC h = RPCAllocHandle();
@@ -199,9 +217,7 @@ int serve_descriptor(int fd, const Config &config) {
     } else {
         log_error(h, "setup");
     }
-    watch_client(-1);
     session.close_all();
-    release_cancel_key();
     g_session = nullptr;
     RPCTerminate(h);
     RPCFreeHandle(h);
