@@ -59,6 +59,8 @@ SQLRETURN add_diag(Handle &h, const char *sqlstate, const std::string &message, 
 
 namespace {
 
+constexpr const char *kOutOfMemory = "out of memory";
+
 void free_library_handle(HRPC h) {
     RPCDisconnect(h);
     std::lock_guard<std::mutex> lock(g_library_lock);
@@ -75,7 +77,7 @@ HRPC connect_to_server(const std::string &host, const std::string &port, int tim
         std::lock_guard<std::mutex> lock(g_library_lock);
         h = RPCAllocHandle();
         if (h == nullptr) {
-            failure = "out of memory";
+            failure = kOutOfMemory;
             return nullptr;
         }
         if (RPCInitialise(h, RPC_MODE_CLIENT, 0) != 0) failure = library_error(h);
@@ -114,7 +116,7 @@ SQLRETURN open_transport(Dbc &dbc, const std::string &host, const std::string &p
         dbc.port = port;
         return SQL_SUCCESS;
     }
-    if (failure == "out of memory") return add_diag(dbc, "HY001", failure);
+    if (failure == kOutOfMemory) return add_diag(dbc, "HY001", failure);
     if (code == RPC_BADVER || code == RPC_BADUID)
         return add_diag(dbc, "08001",
                         "bridge protocol version mismatch: this driver speaks version " +

@@ -38,10 +38,13 @@ std::atomic<Slot *> g_mine{nullptr};  // this process's place while it serves
 std::optional<CancelKey> g_key;
 bool g_waiting = false;  // the thread that watches runs
 
-// The running call as this process sees it; held while the target cancels.
+// The running call and the client as this process sees them; the lock is
+// held while the target cancels.
 std::mutex g_running_lock;
 uint64_t g_running = 0;
 SQLHSTMT g_running_target = SQL_NULL_HSTMT;
+int g_client = -1;  // the client being served; -1: none
+int g_wake = -1;    // eventfd: the client watched has changed
 
 sigset_t cancel_signal() {
     sigset_t set;
@@ -49,10 +52,6 @@ sigset_t cancel_signal() {
     sigaddset(&set, SIGUSR2);
     return set;
 }
-
-// The client being served (under g_running_lock); -1: none.
-int g_client = -1;
-int g_wake = -1;  // eventfd: the client watched has changed
 
 // REQUIRES: g_running_lock held.
 void cancel_running(uint64_t statement) {
