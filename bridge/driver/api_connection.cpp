@@ -60,12 +60,7 @@ SQLRETURN open_remote(Dbc &dbc, const Settings &s) {
             auto value = r.in.bytes();
             if (info_rc == SQL_SUCCESS) dbc.info[type] = {info_rc, {value.begin(), value.end()}};
         }
-        if (!r.in.done() && r.in.u8() != 0) {
-            CancelKey key;
-            key.pid = r.in.i32();
-            for (auto &b : key.secret) b = r.in.u8();
-            dbc.cancel_key = key;
-        }
+        if (!r.in.done() && r.in.u8() != 0) dbc.cancel_key = zb::get_cancel_key(r.in);
     }
     if (!SQL_SUCCEEDED(rc) || dbc.remote == 0) {
         close_transport(dbc);

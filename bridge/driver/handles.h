@@ -9,7 +9,6 @@
 #include <sql.h>
 #include <sqlext.h>
 
-#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -23,6 +22,7 @@
 
 #include "driver/read_ahead.h"
 #include "protocol/codec.h"
+#include "protocol/protocol.h"
 
 namespace zbd {
 
@@ -54,12 +54,6 @@ struct Handle {
     Diagnostics diag;
 };
 
-// What a second connection shows the server to cancel this one's call.
-struct CancelKey {
-    int32_t pid = 0;
-    std::array<uint8_t, 16> secret{};
-};
-
 struct Dbc;
 struct Stmt;
 
@@ -82,7 +76,7 @@ struct Dbc : Handle {
     HRPC rpc = nullptr;
     uint64_t remote = 0;  // the server's connection
     std::string host, port;  // of the server
-    std::optional<CancelKey> cancel_key;  // none: the server cannot cancel from outside
+    std::optional<zb::CancelKey> cancel_key;  // none: the server cannot cancel from outside
     bool broken = false;  // the transport failed: only disconnect helps
     bool wide = false;    // the application connected through the wide entry points
     // SQL_ATTR_QUIET_MODE: a window of the application's, no use to a server.

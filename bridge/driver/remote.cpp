@@ -105,6 +105,22 @@ HRPC connect_to_server(const std::string &host, const std::string &port, int tim
     return nullptr;
 }
 
+// One bridged call on h: the operation's return code and reply bytes, or
+// false when the library failed it (its error is h's).
+bool exec(HRPC h, zb::Op op, uint64_t handle, zb::Writer &request, int16_t &rc,
+          std::vector<uint8_t> &reply) {
+    log_call(op);
+    RPCMemDesc in{};
+    in.value = request.data().data();
+    in.length = static_cast<int32_t>(request.size());
+    RPCMemDesc out{};
+    if (RPCExec(h, zb::op_name(op), reinterpret_cast<void *>(handle), &in, &rc, &out) != 0) return false;
+    if (out.value != nullptr && out.length > 0)
+        reply.assign(static_cast<uint8_t *>(out.value), static_cast<uint8_t *>(out.value) + out.length);
+    std::free(out.value);
+    return true;
+}
+
 }  // namespace
 
 SQLRETURN open_transport(Dbc &dbc, const std::string &host, const std::string &port) {
@@ -140,17 +156,11 @@ SQLRETURN cancel_from_outside(const Dbc &dbc, uint64_t statement) {
     HRPC h = connect_to_server(dbc.host, dbc.port, dbc.timeout, failure, code);
     if (h == nullptr) return SQL_ERROR;
     zb::Writer w;
-    w.i32(dbc.cancel_key->pid);
-    for (uint8_t b : dbc.cancel_key->secret) w.u8(b);
+    zb::put_cancel_key(w, *dbc.cancel_key);
     w.u64(statement);
-    RPCMemDesc in{};
-    in.value = w.data().data();
-    in.length = static_cast<int32_t>(w.size());
-    RPCMemDesc out{};
     int16_t rc = SQL_ERROR;
-    log_call(zb::Op::CancelCall);
-    if (RPCExec(h, zb::op_name(zb::Op::CancelCall), nullptr, &in, &rc, &out) != 0) rc = SQL_ERROR;
-    std::free(out.value);
+    std::vector<uint8_t> ignored;
+    if (!exec(h, zb::Op::CancelCall, 0, w, rc, ignored)) rc = SQL_ERROR;
     free_library_handle(h);
     return rc;
 }
@@ -161,21 +171,12 @@ Reply call(Dbc &dbc, zb::Op op, uint64_t handle, zb::Writer &request) {
         reply.diags.push_back(record("08S01", "the connection to the bridge server was lost"));
         return reply;
     }
-    log_call(op);
-    RPCMemDesc in{};
-    in.value = request.data().data();
-    in.length = static_cast<int32_t>(request.size());
-    RPCMemDesc out{};
     int16_t rc = SQL_ERROR;
-    if (RPCExec(dbc.rpc, zb::op_name(op), reinterpret_cast<void *>(handle), &in, &rc, &out) != 0) {
+    if (!exec(dbc.rpc, op, handle, request, rc, reply.bytes)) {
         dbc.broken = true;
         reply.diags.push_back(record("08S01", "communication link failure: " + library_error(dbc.rpc)));
         return reply;
     }
-    if (out.value != nullptr && out.length > 0)
-        reply.bytes.assign(static_cast<uint8_t *>(out.value),
-                           static_cast<uint8_t *>(out.value) + out.length);
-    std::free(out.value);
     reply.rc = rc;
     try {
         zb::Reader r(reply.bytes.data(), reply.bytes.size());

@@ -8,10 +8,13 @@
 // head of its reply.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <vector>
 
 #include <zephrpc.h>
+
+#include "protocol/codec.h"
 
 namespace zb {
 
@@ -62,6 +65,26 @@ std::vector<RPCFuncDesc> function_table(RPCServerFn (*entry_for)(Op));
 // parameter, in a fresh malloc'd buffer the library frees once it is sent.
 // False, with an empty reply, when memory is short.
 bool put_reply(RPCMemDesc &reply, const std::vector<uint8_t> &bytes);
+
+// The key a serving child gives its client at connect: a second connection
+// shows it, with a statement, to have that client's running call cancelled
+// (Op::CancelCall).
+struct CancelKey {
+    int32_t pid = 0;
+    std::array<uint8_t, 16> secret{};
+};
+
+inline void put_cancel_key(Writer &w, const CancelKey &key) {
+    w.i32(key.pid);
+    for (uint8_t b : key.secret) w.u8(b);
+}
+
+inline CancelKey get_cancel_key(Reader &r) {
+    CancelKey key;
+    key.pid = r.i32();
+    for (auto &b : key.secret) b = r.u8();
+    return key;
+}
 
 // Catalog functions carried by Op::Catalog.
 enum class CatalogFn : int32_t {

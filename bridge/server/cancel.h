@@ -17,16 +17,14 @@
 #include <sql.h>
 #include <sys/types.h>
 
-#include <array>
 #include <cstdint>
 #include <optional>
 
+#include "protocol/protocol.h"
+
 namespace zbs {
 
-struct CancelKey {
-    int32_t pid = 0;
-    std::array<uint8_t, 16> secret{};
-};
+using zb::CancelKey;
 
 // Parent, before forking: room for `slots` children serving at once.
 void open_cancel_board(size_t slots);

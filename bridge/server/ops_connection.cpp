@@ -143,10 +143,7 @@ void op_connect(Session &s, void *, zb::Reader &in, zb::Writer &w, Outcome &out)
     // What a second connection needs to cancel this one's running call.
     const auto &key = current_cancel_key();
     w.u8(key.has_value());
-    if (key) {
-        w.i32(key->pid);
-        for (uint8_t b : key->secret) w.u8(b);
-    }
+    if (key) zb::put_cancel_key(w, *key);
 }
 
 void op_disconnect(Session &s, void *obj, zb::Reader &in, zb::Writer &, Outcome &out) {

@@ -343,9 +343,7 @@ void op_cancel(Session &, void *obj, zb::Reader &, zb::Writer &, Outcome &out) {
 // SQL_SUCCESS: the call was asked to stop; SQL_NO_DATA: the statement has no
 // call running.
 void op_cancel_call(Session &, void *, zb::Reader &in, zb::Writer &, Outcome &out) {
-    CancelKey key;
-    key.pid = in.i32();
-    for (auto &b : key.secret) b = in.u8();
+    const CancelKey key = zb::get_cancel_key(in);
     const uint64_t statement = in.u64();
     switch (request_cancel(key, statement)) {
     case CancelResult::Signalled: break;
